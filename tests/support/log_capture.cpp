@@ -1,0 +1,57 @@
+#include "log_capture.h"
+
+#include <algorithm>
+
+namespace kora::test {
+
+LogCapture::LogCapture() { msg_set_sink(&LogCapture::sink, this); }
+
+LogCapture::~LogCapture() { msg_set_sink(nullptr, nullptr); }
+
+void LogCapture::sink(const msg_const_type* site, const char* text, void* user) {
+  auto* self = static_cast<LogCapture*>(user);
+  LoggedMessage m;
+  m.text = text != nullptr ? text : "";
+  m.mask = site->desc.ss_mask;
+  m.ss_id = site->desc.ss_id;
+  m.line = site->desc.line;
+  m.fmt = site->fmt != nullptr ? site->fmt : "";
+  m.fname = site->fname != nullptr ? site->fname : "";
+  m.site = site;
+  const std::lock_guard<std::mutex> lock(self->mutex_);
+  self->messages_.push_back(std::move(m));
+}
+
+std::vector<LoggedMessage> LogCapture::messages() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return messages_;
+}
+
+std::vector<std::string> LogCapture::texts() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> out;
+  out.reserve(messages_.size());
+  for (const auto& m : messages_) {
+    out.push_back(m.text);
+  }
+  return out;
+}
+
+void LogCapture::clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  messages_.clear();
+}
+
+bool LogCapture::has(const std::string& text, uint32_t mask) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return std::any_of(messages_.begin(), messages_.end(),
+                     [&](const LoggedMessage& m) { return m.text == text && m.mask == mask; });
+}
+
+size_t LogCapture::count(const std::string& text) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return static_cast<size_t>(
+      std::count_if(messages_.begin(), messages_.end(), [&](const LoggedMessage& m) { return m.text == text; }));
+}
+
+}  // namespace kora::test

@@ -1,0 +1,137 @@
+#include "private_root.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string>
+
+namespace kora::test {
+namespace {
+
+std::string errno_text(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+// Builds a new root in `staging` (a tmpfs): every top-level entry of the host root is
+// bind-mounted or re-linked there, and "data" is a directory of the tmpfs itself.
+std::string build_root(const std::string& staging) {
+  DIR* dir = opendir("/");
+  if (dir == nullptr) {
+    return errno_text("opendir /");
+  }
+  std::string failure;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == ".." || name == "data") {
+      continue;
+    }
+    const std::string source = "/" + name;
+    const std::string target = staging + "/" + name;
+    if (source == staging.substr(0, source.size()) &&
+        (staging.size() == source.size() || staging[source.size()] == '/')) {
+      // The staging area lives under this entry: keep an empty directory in its place.
+      mkdir(target.c_str(), 0755);
+      continue;
+    }
+    struct stat st{};
+    if (lstat(source.c_str(), &st) != 0) {
+      continue;
+    }
+    if (S_ISLNK(st.st_mode)) {
+      char link[PATH_MAX];
+      const ssize_t n = readlink(source.c_str(), link, sizeof link - 1);
+      if (n >= 0) {
+        link[n] = '\0';
+        if (symlink(link, target.c_str()) != 0) {
+          failure = errno_text("symlink " + target);
+        }
+      }
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      mkdir(target.c_str(), 0755);
+    } else {
+      const int fd = open(target.c_str(), O_CREAT | O_WRONLY, 0644);
+      if (fd >= 0) {
+        close(fd);
+      }
+    }
+    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+      failure = errno_text("bind " + source);
+    }
+  }
+  closedir(dir);
+  if (!failure.empty()) {
+    return failure;
+  }
+  if (mkdir((staging + "/data").c_str(), 0755) != 0) {
+    return errno_text("mkdir data");
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string mount_tmpfs(const std::string& path, const std::string& options) {
+  if (mount("kora-test", path.c_str(), "tmpfs", 0, options.c_str()) != 0) {
+    return errno_text("mount tmpfs at " + path);
+  }
+  return {};
+}
+
+std::string remount_read_only(const std::string& path, bool read_only) {
+  const unsigned long flags = MS_REMOUNT | (read_only ? MS_RDONLY : 0UL);
+  if (mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0) {
+    return errno_text("remount " + path);
+  }
+  return {};
+}
+
+std::string enter_private_store_root() {
+  if (unshare(CLONE_NEWNS) != 0) {
+    return errno_text("unshare(CLONE_NEWNS) (tests need root)");
+  }
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return errno_text("make / private");
+  }
+  char cwd[PATH_MAX];
+  if (getcwd(cwd, sizeof cwd) == nullptr) {
+    return errno_text("getcwd");
+  }
+  struct stat st{};
+  if (stat("/data", &st) == 0 && S_ISDIR(st.st_mode)) {
+    // The host has a /data: hide it behind a tmpfs in this namespace only.
+    if (std::string why = mount_tmpfs("/data", "mode=0755"); !why.empty()) {
+      return why;
+    }
+  } else {
+    // No /data on the host: build a new root so that nothing is created on the host.
+    const std::string staging = (stat("/mnt", &st) == 0 && S_ISDIR(st.st_mode)) ? "/mnt" : "/tmp";
+    if (std::string why = mount_tmpfs(staging, "mode=0755"); !why.empty()) {
+      return why;
+    }
+    if (std::string why = build_root(staging); !why.empty()) {
+      return why;
+    }
+    if (std::string why = mount_tmpfs(staging + "/data", "mode=0755"); !why.empty()) {
+      return why;
+    }
+    if (chdir(staging.c_str()) != 0 || chroot(".") != 0) {
+      return errno_text("chroot " + staging);
+    }
+    if (chdir(cwd) != 0 && chdir("/") != 0) {
+      return errno_text("chdir");
+    }
+  }
+  if (mkdir("/data/data_velto", 0755) != 0) {
+    return errno_text("mkdir /data/data_velto");
+  }
+  return {};
+}
+
+}  // namespace kora::test

@@ -1,0 +1,28 @@
+// Main of every test program: the whole process runs in a private mount namespace with a
+// fresh tmpfs under /data, so nothing a test does reaches the host's tree.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "private_root.h"
+
+int main(int argc, char** argv) {
+  bool listing = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--gtest_list_tests", 18) == 0) {
+      listing = true;
+    }
+  }
+  if (!listing) {
+    const std::string why = kora::test::enter_private_store_root();
+    if (!why.empty()) {
+      std::fprintf(stderr, "cannot set up the private store root: %s\n", why.c_str());
+      return 2;
+    }
+  }
+  testing::InitGoogleTest(&argc, argv);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  return RUN_ALL_TESTS();
+}
