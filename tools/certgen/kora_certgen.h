@@ -37,7 +37,7 @@ struct Credential {
 
   std::string cert_pem() const;
   std::vector<uint8_t> cert_der() const;
-  std::string key_pem() const;          // PKCS#8, unencrypted
+  std::string key_pem() const;           // PKCS#8, unencrypted
   std::vector<uint8_t> key_der() const;  // PKCS#8 DER, unencrypted
 };
 
