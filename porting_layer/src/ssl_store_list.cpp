@@ -1,0 +1,92 @@
+// Listing the names stored for one kind of credential.
+#include <dirent.h>
+#include <glib.h>
+
+#include <cstring>
+
+#include "ivra_mutex.h"
+#include "kora_net_ssl.h"
+#include "ssl_store.h"
+#include "ssl_store_internal.h"
+#include "ssl_store_log.h"
+#include "ssl_util.h"
+
+namespace kora::store {
+namespace {
+
+constexpr int kPathBufferSize = 512;
+constexpr int kMaxListed = 10;
+constexpr size_t kNameSlotSize = sizeof(kora_Net_SSL_Cert_List_t{}.name[0]);
+
+// The kind's directory, or null for a kind outside 1..4. Private keys are never listed.
+const char* kind_directory(kora_Net_SSL_Cert_Type_t type) {
+  switch (type) {
+    case KORA_NET_SSL_CERTIFICATE_E:
+      return g_ssl_cert_sub_folder_name_for_certs;
+    case KORA_NET_SSL_CA_LIST_E:
+      return g_ssl_cert_sub_folder_name_for_ca_lists;
+    case KORA_NET_SSL_PSK_TABLE_E:
+      return g_ssl_cert_sub_folder_name_for_psk_table;
+    case KORA_NET_SSL_DI_CERT_E:
+      return g_ssl_cert_sub_folder_name_for_di_certs;
+  }
+  return nullptr;
+}
+
+int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
+  char file_path[kPathBufferSize];
+  std::memset(file_path, 0, sizeof file_path);
+  if (list == nullptr) {
+    STORE_LOG_ERROR("Cert List is Null. \n");
+    return KORA_ERR_INVALID_PARAM;
+  }
+
+  ivra_mutex_lock(&ssl_mutex);
+
+  const char* directory = kind_directory(type);
+  if (directory == nullptr) {
+    STORE_LOG_HIGH("Invalid Cert Type: %d", static_cast<int>(type));
+    ivra_mutex_unlock(&ssl_mutex);
+    return KORA_ERR_INVALID_PARAM;
+  }
+  DIR* dirp = opendir(directory);
+  if (dirp == nullptr) {
+    STORE_LOG_ERROR("Opening folder failed\n");
+    ivra_mutex_unlock(&ssl_mutex);
+    return KORA_ERROR;
+  }
+
+  int num_files = 0;
+  struct dirent* dp = nullptr;
+  // The entry read once ten names are listed is dropped unlisted.
+  while ((dp = readdir(dirp)) != nullptr && num_files < kMaxListed) {
+    // Every name is checked before its type: one unacceptable name fails the whole listing.
+    if (SSL_cert_get_abs_path(dp->d_name, type, file_path, kPathBufferSize, false) < 0) {
+      STORE_LOG_ERROR("SSL_cert_load KORA_ERR_INVALID_PARAM \n");
+      ivra_mutex_unlock(&ssl_mutex);
+      // intended: dirp is left open on this path (legacy behaviour: no closedir here).
+      return KORA_ERR_INVALID_PARAM;
+    }
+    if (dp->d_type != DT_REG) {
+      continue;  // ".", "..", subdirectories, links and entries of unknown type
+    }
+    g_strlcpy(list->name[num_files], dp->d_name, kNameSlotSize);
+    STORE_LOG_HIGH("SSL_cert_load filepath %s num_files%d", dp->d_name, num_files);
+    ++num_files;
+  }
+
+  if (closedir(dirp) != 0) {
+    STORE_LOG_ERROR("closing EFS folder failed\n");
+    ivra_mutex_unlock(&ssl_mutex);
+    return KORA_ERROR;
+  }
+  ivra_mutex_unlock(&ssl_mutex);
+  return num_files;
+}
+
+}  // namespace
+}  // namespace kora::store
+
+extern "C" int SSL_cert_name_list(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
+  return kora::store::list_names(type, list);
+}
