@@ -1,0 +1,120 @@
+/* Every public header compiles as plain C11, and the records that cross the C border keep
+ * their sizes, offsets and values. The checks hold on 32-bit and 64-bit targets alike:
+ * pointer-sized and time_t-sized fields are pinned through sizeof and _Alignof relations. */
+#include <stddef.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "ds_system.h"
+#include "fs_public.h"
+#include "ivra_mutex.h"
+#include "kora_net_ssl.h"
+#include "msg_diag.h"
+#include "ssl_KM_crypto_services.h"
+#include "ssl_store.h"
+#include "ssl_util.h"
+
+#define ROUND_UP(n, a) ((((n) + (a)-1) / (a)) * (a))
+#define PTR ((size_t)sizeof(void*))
+
+/* Status codes and enumerations. */
+_Static_assert(sizeof(kora_Status_t) == 4, "status is 32-bit");
+_Static_assert(KORA_OK == 0 && KORA_ERROR == -1 && KORA_ERR_INVALID_PARAM == -2, "status values");
+_Static_assert(KORA_ERR_NO_MEMORY == -3 && KORA_ERR_NOT_SUPPORTED == -8, "status values");
+_Static_assert(sizeof(kora_Net_SSL_Cert_Type_t) == 4, "credential kind is 32-bit");
+_Static_assert(KORA_NET_SSL_CERTIFICATE_E == 1 && KORA_NET_SSL_CA_LIST_E == 2, "credential kinds");
+_Static_assert(KORA_NET_SSL_PSK_TABLE_E == 3 && KORA_NET_SSL_DI_CERT_E == 4, "credential kinds");
+_Static_assert(sizeof(kora_Net_SSL_Identifier_Type_t) == 4, "identifier kind is 32-bit");
+_Static_assert(KORA_NET_SSL_ID_CN == 1 && KORA_NET_SSL_ID_ALT_DNS == 2, "identifier kinds");
+_Static_assert(KORA_NET_SSL_ID_SRV == 3 && KORA_NET_SSL_ID_ALT_URI == 4, "identifier kinds");
+
+/* Public records. */
+_Static_assert(sizeof(kora_Net_SSL_Cert_List_t) == 640, "name list is 10 x 64");
+_Static_assert(sizeof(((kora_Net_SSL_Cert_List_t*)0)->name[0]) == 64, "one name is 64 bytes");
+_Static_assert(sizeof(kora_Net_SSL_Identifier_t) == 68, "identifier record");
+_Static_assert(offsetof(kora_Net_SSL_Identifier_t, identifier_Type) == 0, "identifier record");
+_Static_assert(offsetof(kora_Net_SSL_Identifier_t, identifier_Name) == 4, "identifier record");
+_Static_assert(sizeof(((kora_Net_SSL_Identifier_t*)0)->identifier_Name) == 64, "identifier text");
+_Static_assert(offsetof(kora_Net_SSL_PSK_Table_t, psk_Size) == 0, "PSK table record");
+_Static_assert(offsetof(kora_Net_SSL_PSK_Table_t, psk_Buf) == PTR, "PSK buffer after a padded size");
+_Static_assert(sizeof(kora_Net_SSL_PSK_Table_t) == 2 * PTR, "PSK table record");
+_Static_assert(sizeof(kora_Net_SSL_Obj_Hdl_t) == 4 && sizeof(ssl_obj_hdl_t) == 4, "handles are 32-bit");
+
+/* Diagnostic descriptor. */
+_Static_assert(MSG_LEGACY_HIGH == 0x4u && MSG_LEGACY_ERROR == 0x8u, "level masks");
+_Static_assert(offsetof(msg_const_type, desc.line) == 0 && offsetof(msg_const_type, desc.ss_id) == 2,
+               "descriptor header");
+_Static_assert(offsetof(msg_const_type, desc.ss_mask) == 4, "descriptor header");
+_Static_assert(offsetof(msg_const_type, fmt) == 8 && offsetof(msg_const_type, fname) == 8 + PTR,
+               "descriptor pointers");
+_Static_assert(sizeof(msg_const_type) == 8 + 2 * PTR, "descriptor size");
+
+/* The object layer's records, read by the store. */
+_Static_assert(SSL_MAX_OBJ == 10 && sizeof(g_ssl_ctxt) / sizeof(g_ssl_ctxt[0]) == SSL_MAX_OBJ,
+               "object table");
+_Static_assert(SSL_DI_CERT_EX_DATA_INDEX == 1, "ex-data index of the identity certificate");
+_Static_assert(offsetof(session_store_t, ciphersuite) == 0 && offsetof(session_store_t, protocol) == 256,
+               "session record");
+_Static_assert(offsetof(session_store_t, lifetime) == ROUND_UP(258, _Alignof(time_t)), "session record");
+_Static_assert(offsetof(session_store_t, session_timestamp) ==
+                   offsetof(session_store_t, lifetime) + sizeof(time_t),
+               "session record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, obj_hndl) == 0 && offsetof(gbl_ssl_ctx_t, conn_hndl) == 4,
+               "object record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, openssl_obj_hndl) == 8 &&
+                   offsetof(gbl_ssl_ctx_t, openssl_conn_hndl) == 12,
+               "object record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, sess) == 16 && offsetof(gbl_ssl_ctx_t, cert) == 528, "object record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, psk_identify_key) == 784, "object record: PSK pointer");
+_Static_assert(offsetof(gbl_ssl_ctx_t, ciphersuite) == 784 + PTR, "object record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, protocol) == 784 + PTR + 256, "object record");
+_Static_assert(offsetof(gbl_ssl_ctx_t, life_time) == ROUND_UP(784 + PTR + 258, _Alignof(time_t)),
+               "object record: times");
+_Static_assert(offsetof(gbl_ssl_ctx_t, timer) == offsetof(gbl_ssl_ctx_t, life_time) + 3 * sizeof(time_t),
+               "object record: times");
+_Static_assert(offsetof(gbl_ssl_ctx_t, ssl_obj_deletion) == offsetof(gbl_ssl_ctx_t, timer) + sizeof(time_t),
+               "object record: deletion mark");
+
+/* Platform interfaces. */
+_Static_assert(offsetof(ivra_mutex_t, guard) == 0, "mutex shim");
+_Static_assert(SSL_KM_DIRECTION_SEAL == 0 && SSL_KM_DIRECTION_UNSEAL == 1, "key service directions");
+
+/* Signatures, checked without taking any address (operands of _Generic are not evaluated,
+ * so this program links against nothing). */
+#define HAS_TYPE(fn, type) _Generic(&(fn), type : 1, default : 0)
+_Static_assert(HAS_TYPE(msg_sprintf, void (*)(const msg_const_type*, const char*)), "msg_sprintf");
+_Static_assert(HAS_TYPE(efs_put, int (*)(const char*, void*, size_t, int, int)), "efs_put");
+_Static_assert(HAS_TYPE(efs_stat, int (*)(const char*, fs_stat*)), "efs_stat");
+_Static_assert(HAS_TYPE(ds_system_call, int (*)(const char*, size_t)), "ds_system_call");
+_Static_assert(HAS_TYPE(ivra_mutex_lock, int (*)(ivra_mutex_t*)), "ivra_mutex_lock");
+_Static_assert(HAS_TYPE(ivra_mutex_unlock, int (*)(ivra_mutex_t*)), "ivra_mutex_unlock");
+_Static_assert(HAS_TYPE(ssl_KM_TA_crypto_services_generate_keyblob, int (*)(uint8_t**, size_t*)), "keyblob");
+_Static_assert(HAS_TYPE(ssl_KM_TA_crypto_services_encrypt_decrypt_data,
+                        int (*)(const uint8_t*, size_t, const uint8_t*, const void*, size_t, void**, size_t*,
+                                int)),
+               "seal/unseal");
+_Static_assert(HAS_TYPE(SSL_cert_store,
+                        int (*)(const char*, const kora_Net_SSL_Cert_Type_t, const void*, int, bool)),
+               "SSL_cert_store");
+_Static_assert(HAS_TYPE(SSL_cert_name_list, int (*)(kora_Net_SSL_Cert_Type_t, kora_Net_SSL_Cert_List_t*)),
+               "SSL_cert_name_list");
+_Static_assert(HAS_TYPE(SSL_cert_der_2_pem, int (*)(const void*, int, uint8_t**, int*)),
+               "SSL_cert_der_2_pem");
+_Static_assert(HAS_TYPE(SSL_cert_load,
+                        int (*)(kora_Net_SSL_Obj_Hdl_t, kora_Net_SSL_Cert_Type_t, const char*)),
+               "SSL_cert_load");
+_Static_assert(HAS_TYPE(SSL_cert_load_get_identifier,
+                        int (*)(kora_Net_SSL_Obj_Hdl_t, kora_Net_SSL_Identifier_t*, const char*)),
+               "SSL_cert_load_get_identifier");
+_Static_assert(HAS_TYPE(ssl_store_read_from_file, int (*)(const char*, void**, size_t*)), "read_from_file");
+_Static_assert(HAS_TYPE(ssl_store_cert_read_decrypt_from_file, int (*)(const char*, void**, size_t*)),
+               "read_decrypt");
+_Static_assert(HAS_TYPE(psk_client_cb, unsigned int (*)(SSL*, const char*, char*, unsigned int,
+                                                        unsigned char*, unsigned int)),
+               "psk_client_cb");
+
+int main(void) {
+  /* The mutex initializer is a valid constant initializer in C. */
+  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
+  return m.held;
+}
