@@ -1,0 +1,93 @@
+// Shared set-up of the loading tests: an initialised store in the private root, one client
+// SSL object, credentials stored through the public store call, and a few observers.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kora_net_ssl.h"
+#include "ossl_ptr.h"
+#include "ssl_store.h"
+#include "ssl_util.h"
+
+namespace kora::test {
+
+class LoadingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
+    ::mkdir("/data/km", 0700);
+    ASSERT_EQ(ssl_store_init(), 0);
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ctx_ = ssl_get_obj_context(hdl_);
+    ASSERT_NE(ctx_, nullptr);
+  }
+  void TearDown() override { ssl_obj_free(hdl_); }
+
+  static void put(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
+                  bool key = false) {
+    ASSERT_EQ(SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key), 0);
+  }
+  static std::string bytes_of(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+  gbl_ssl_ctx_t& record() const {
+    int index = -1;
+    utility_get_ssl_ctxt(ctx_, &index);
+    return g_ssl_ctxt[index];
+  }
+
+  ssl_obj_hdl_t hdl_ = 0;
+  SSL_CTX* ctx_ = nullptr;
+};
+
+// A binary PSK table as the store keeps it: header with the big-endian count, then entries.
+inline std::string psk_table(const std::vector<std::pair<std::string, std::string>>& entries) {
+  auto be16 = [](size_t n) { return std::string{static_cast<char>(n >> 8), static_cast<char>(n & 0xff)}; };
+  std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
+  for (const auto& [identity, key] : entries) {
+    t += be16(identity.size()) + identity + be16(key.size()) + key;
+  }
+  return t;
+}
+
+// True when another thread can take and release ssl_mutex within a second.
+inline bool store_lock_is_free() {
+  auto done = std::make_shared<std::promise<void>>();
+  auto result = done->get_future();
+  std::thread([done] {
+    ivra_mutex_lock(&ssl_mutex);
+    ivra_mutex_unlock(&ssl_mutex);
+    done->set_value();
+  }).detach();
+  return result.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
+}
+
+// Names parameterised cases after their row's label.
+struct LabelName {
+  template <class P>
+  std::string operator()(const ::testing::TestParamInfo<P>& p) const {
+    return p.param.label;
+  }
+};
+
+// Prints a row as its label rather than as raw bytes.
+template <class Row, class = decltype(Row::label)>
+std::ostream& operator<<(std::ostream& os, const Row& row) {
+  return os << row.label;
+}
+
+inline bool file_exists(const char* path) {
+  struct stat st;
+  return ::stat(path, &st) == 0;
+}
+
+}  // namespace kora::test
