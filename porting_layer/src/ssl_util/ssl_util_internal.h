@@ -1,0 +1,31 @@
+// Private state of the object layer: the OpenSSL pointers of each slot of g_ssl_ctxt. The
+// records hold 32-bit fields only, which cannot carry a pointer on a 64-bit host.
+//
+// Lookups read these without ssl_mutex: the store's loaders call them while the dispatcher
+// holds the lock, and OpenSSL's PSK callback calls them during a handshake with no lock at
+// all. Slots are therefore atomics; the table is changed (create, free) under ssl_mutex.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "ssl_util.h"
+
+namespace kora::util {
+
+struct Slot {
+  std::atomic<uint32_t> handle{0};  // 0 while the slot is free
+  std::atomic<SSL_CTX*> ctx{nullptr};
+  std::atomic<SSL*> ssl{nullptr};  // the open connection, if any
+  ssl_obj_role_t role = SSL_OBJ_ROLE_CLIENT;
+};
+
+// The slot of each record of g_ssl_ctxt, same index.
+Slot& slot_at(int index);
+
+// Index of the slot holding `hdl`, or -1.
+int find_slot(ssl_obj_hdl_t hdl);
+
+}  // namespace kora::util
