@@ -121,7 +121,8 @@ TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   std::memset(&ref, 0x5A, sizeof ref);
   const kora_Net_SSL_Identifier_t before = ref;
   const ssl_obj_hdl_t hdl = row.arg == Arg::kZeroHandle ? 0 : row.arg == Arg::kUnknownHandle ? 0x7777 : hdl_;
-  fake_mutex_calls::reset();
+  fake_mutex_calls::lock_count = 0;
+  fake_mutex_calls::unlock_results.clear();
   LogCapture log;
   EXPECT_EQ(SSL_cert_load_get_identifier(hdl, row.arg == Arg::kNullRef ? nullptr : &ref,
                                          row.arg == Arg::kNullName ? nullptr : row.name),
@@ -129,8 +130,8 @@ TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   if (!row.text.empty()) {
     EXPECT_TRUE(log.has(row.text, kError)) << row.text;
   }
-  EXPECT_EQ(fake_mutex_calls::lock_count(), row.locks);
-  EXPECT_EQ(fake_mutex_calls::unlock_results(), row.unlocks);
+  EXPECT_EQ(fake_mutex_calls::lock_count, row.locks);
+  EXPECT_EQ(fake_mutex_calls::unlock_results, row.unlocks);
   EXPECT_EQ(std::memcmp(&ref, &before, sizeof ref), 0) << "caller's record written";
   auto* attached = static_cast<X509*>(SSL_CTX_get_ex_data(ctx_, SSL_DI_CERT_EX_DATA_INDEX));
   EXPECT_EQ(attached != nullptr && X509_cmp(attached, cred.cert.get()) == 0, row.attached);
