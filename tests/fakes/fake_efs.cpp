@@ -10,6 +10,8 @@ namespace {
 
 struct State {
   int fail_countdown = 0;
+  bool stat_forced = false;
+  int stat_rc = 0;
   std::vector<PutCall> puts;
   std::vector<std::string> stats;
 };
@@ -23,13 +25,21 @@ State& state() {
 
 void reset() { state() = State{}; }
 void fail_put_on_call(int n) { state().fail_countdown = n; }
+void force_stat(int rc) {
+  state().stat_forced = true;
+  state().stat_rc = rc;
+}
 const std::vector<PutCall>& puts() { return state().puts; }
 const std::vector<std::string>& stats() { return state().stats; }
 
 }  // namespace kora::fake_efs
 
 extern "C" int efs_stat(const char* path, fs_stat* buf) {
-  kora::fake_efs::state().stats.emplace_back(path);
+  auto& s = kora::fake_efs::state();
+  s.stats.emplace_back(path);
+  if (s.stat_forced) {
+    return s.stat_rc;
+  }
   return stat(path, buf) == 0 ? 0 : -1;
 }
 

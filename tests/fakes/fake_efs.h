@@ -18,6 +18,8 @@ struct PutCall {
 void reset();
 // The n-th efs_put from now (1 = the next one) returns -1 without touching the file.
 void fail_put_on_call(int n);
+// efs_stat returns `rc` from now on whatever the file system holds.
+void force_stat(int rc);
 const std::vector<PutCall>& puts();
 const std::vector<std::string>& stats();
 
