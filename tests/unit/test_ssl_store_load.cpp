@@ -122,6 +122,7 @@ struct DispatchRow {
   int status;
   const char* text;
   uint32_t mask;
+  const char* recorded = "";  // name the object records afterwards
 };
 
 class Dispatch : public LoadingTest, public ::testing::WithParamInterface<DispatchRow> {};
@@ -144,6 +145,7 @@ TEST_P(Dispatch, ReturnsCodeLogsAndReleasesLock) {
     EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
   }
   EXPECT_TRUE(store_lock_is_free());
+  EXPECT_STREQ(record().cert, row.recorded);
 }
 
 const std::string kName64(64, 'n');
@@ -163,9 +165,9 @@ INSTANTIATE_TEST_SUITE_P(
                                   "File path parameters are invalid or obj handle passed is NULL\n", E},
                       DispatchRow{"MissingKey", 1, "nokey", false, -1,
                                   "ERROR: Reading private key info from cert loc failed!! \r\n", E},
-                      DispatchRow{"Certificate", 1, "dev", false, 0, nullptr, 0},
+                      DispatchRow{"Certificate", 1, "dev", false, 0, nullptr, 0, "dev"},
                       DispatchRow{"CaList", 2, "dev", false, 0, "Temp file removed successfully\n", H},
-                      DispatchRow{"PskTable", 3, "dev", false, 0, nullptr, 0}),
+                      DispatchRow{"PskTable", 3, "dev", false, 0, nullptr, 0, "dev"}),
     LabelName());
 
 }  // namespace
