@@ -30,11 +30,9 @@ _Static_assert(KORA_NET_SSL_ID_SRV == 3 && KORA_NET_SSL_ID_ALT_URI == 4, "identi
 
 /* Public records. */
 _Static_assert(sizeof(kora_Net_SSL_Cert_List_t) == 640, "name list is 10 x 64");
-_Static_assert(sizeof(((kora_Net_SSL_Cert_List_t*)0)->name[0]) == 64, "one name is 64 bytes");
 _Static_assert(sizeof(kora_Net_SSL_Identifier_t) == 68, "identifier record");
 _Static_assert(offsetof(kora_Net_SSL_Identifier_t, identifier_Type) == 0, "identifier record");
 _Static_assert(offsetof(kora_Net_SSL_Identifier_t, identifier_Name) == 4, "identifier record");
-_Static_assert(sizeof(((kora_Net_SSL_Identifier_t*)0)->identifier_Name) == 64, "identifier text");
 _Static_assert(offsetof(kora_Net_SSL_PSK_Table_t, psk_Size) == 0, "PSK table record");
 _Static_assert(offsetof(kora_Net_SSL_PSK_Table_t, psk_Buf) == PTR, "PSK buffer after a padded size");
 _Static_assert(sizeof(kora_Net_SSL_PSK_Table_t) == 2 * PTR, "PSK table record");
@@ -93,26 +91,6 @@ _Static_assert(HAS_TYPE(ssl_KM_TA_crypto_services_encrypt_decrypt_data,
                         int (*)(const uint8_t*, size_t, const uint8_t*, const void*, size_t, void**, size_t*,
                                 int)),
                "seal/unseal");
-_Static_assert(HAS_TYPE(SSL_cert_store,
-                        int (*)(const char*, const kora_Net_SSL_Cert_Type_t, const void*, int, bool)),
-               "SSL_cert_store");
-_Static_assert(HAS_TYPE(SSL_cert_name_list, int (*)(kora_Net_SSL_Cert_Type_t, kora_Net_SSL_Cert_List_t*)),
-               "SSL_cert_name_list");
-_Static_assert(HAS_TYPE(SSL_cert_der_2_pem, int (*)(const void*, int, uint8_t**, int*)),
-               "SSL_cert_der_2_pem");
-_Static_assert(HAS_TYPE(SSL_cert_load,
-                        int (*)(kora_Net_SSL_Obj_Hdl_t, kora_Net_SSL_Cert_Type_t, const char*)),
-               "SSL_cert_load");
-_Static_assert(HAS_TYPE(SSL_cert_load_get_identifier,
-                        int (*)(kora_Net_SSL_Obj_Hdl_t, kora_Net_SSL_Identifier_t*, const char*)),
-               "SSL_cert_load_get_identifier");
-_Static_assert(HAS_TYPE(ssl_store_read_from_file, int (*)(const char*, void**, size_t*)), "read_from_file");
-_Static_assert(HAS_TYPE(ssl_store_cert_read_decrypt_from_file, int (*)(const char*, void**, size_t*)),
-               "read_decrypt");
-_Static_assert(HAS_TYPE(psk_client_cb, unsigned int (*)(SSL*, const char*, char*, unsigned int,
-                                                        unsigned char*, unsigned int)),
-               "psk_client_cb");
-
 int main(void) {
   /* The mutex initializer is a valid constant initializer in C. */
   static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
