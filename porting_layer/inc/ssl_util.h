@@ -5,6 +5,7 @@
 
 #include <openssl/ssl.h>
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -71,6 +72,57 @@ int ssl_obj_create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl);
 /* Frees the object: its connection, its context (with the certificate at ex-data index 1)
  * and its PSK table. 0 on success, -2 unknown handle. */
 int ssl_obj_free(ssl_obj_hdl_t hdl);
+
+/* Connection settings of an object. They apply to its context and so to every later
+ * connection on it. Each returns 0, -2 for an unknown handle or a bad argument, -1 when
+ * OpenSSL refuses the value. */
+/* Lowest and highest protocol version (TLS1_2_VERSION, TLS1_3_VERSION); 0 leaves that end open. */
+int ssl_obj_set_protocol_bounds(ssl_obj_hdl_t hdl, int min_version, int max_version);
+/* Cipher list for TLS 1.2 and the TLS 1.3 suites, in OpenSSL's syntax; null keeps the current one. */
+int ssl_obj_set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_suites);
+/* SSL_VERIFY_NONE, or SSL_VERIFY_PEER optionally with SSL_VERIFY_FAIL_IF_NO_PEER_CERT. A new
+ * client object verifies its server; a new server object asks for no client certificate. */
+int ssl_obj_set_verify(ssl_obj_hdl_t hdl, int mode);
+/* Client side: the server name sent in the handshake and, when the server is verified, the
+ * host name its certificate must carry. Null or "" clears it. At most 255 characters. */
+int ssl_obj_set_server_name(ssl_obj_hdl_t hdl, const char* name);
+
+/* One connection per object over a connected stream socket, in the object's role. The socket
+ * stays the caller's: closing the connection does not close it. */
+/* Creates the connection and runs the handshake. 0 on success; -2 unknown handle or bad fd;
+ * -3 no memory; -1 handshake failed, in which case the connection is kept so that
+ * ssl_conn_get_info can tell why, until ssl_conn_close. An open connection is closed first.
+ * A client offers the session named by ssl_session_set_resume (or saved last), if any. */
+int ssl_conn_open(ssl_obj_hdl_t hdl, int fd);
+/* Bytes read (> 0), 0 when the peer closed the connection, -1 on error, -2 no connection. */
+int ssl_conn_read(ssl_obj_hdl_t hdl, void* buf, int len);
+/* Writes all len bytes: len on success, -1 on error, -2 no connection or bad argument. */
+int ssl_conn_write(ssl_obj_hdl_t hdl, const void* buf, int len);
+/* Sends the close notification. 0 sent, -1 error, -2 no connection. */
+int ssl_conn_shutdown(ssl_obj_hdl_t hdl);
+/* Frees the connection (without a close notification). 0, or -2 when there is none. */
+int ssl_conn_close(ssl_obj_hdl_t hdl);
+
+typedef struct {
+  char protocol[16];      /* e.g. "TLSv1.3" */
+  char cipher[64];        /* negotiated suite, "" before one is agreed */
+  char peer_subject[256]; /* one-line subject of the peer's certificate, "" without one */
+  long verify_result;     /* X509_V_OK or the verification error */
+  int session_reused;     /* 1 when a saved session was resumed */
+} ssl_conn_info_t;
+/* 0 and *info filled; -2 no connection or null info. */
+int ssl_conn_get_info(ssl_obj_hdl_t hdl, ssl_conn_info_t* info);
+
+/* Sessions, bound to the credential name recorded with SSL_set_cert_info. After a handshake
+ * (for TLS 1.3, after the first read, which brings the server's tickets), saves the session as
+ * "/data/data_velto/.ssl/sessions/<name>_<n>.session" (DER) and "<name>_<n>.timestamp" (a
+ * session_store_t), n the first free number from 1, and marks it for resumption by the next
+ * ssl_conn_open on the object. `path` (may be null) receives the .session path.
+ * 0; -2 no connection or no credential name; -1 no resumable session or a file error. */
+int ssl_session_save(ssl_obj_hdl_t hdl, char* path, size_t path_len);
+/* Marks a saved .session file for resumption by the next ssl_conn_open; null clears. A missing
+ * or expired file is skipped then, and the handshake is a full one. 0, or -2. */
+int ssl_session_set_resume(ssl_obj_hdl_t hdl, const char* session_path);
 
 #ifdef __cplusplus
 }

@@ -20,6 +20,7 @@ struct Slot {
   std::atomic<SSL_CTX*> ctx{nullptr};
   std::atomic<SSL*> ssl{nullptr};  // the open connection, if any
   ssl_obj_role_t role = SSL_OBJ_ROLE_CLIENT;
+  char server_name[256] = {};  // a client's SNI and expected host name; "" for none
 };
 
 // The slot of each record of g_ssl_ctxt, same index.
@@ -27,5 +28,9 @@ Slot& slot_at(int index);
 
 // Index of the slot holding `hdl`, or -1.
 int find_slot(ssl_obj_hdl_t hdl);
+
+// Client side, under ssl_mutex: hands the session marked in the record's `sess` to a new
+// connection, unless its files are missing or it has expired.
+void offer_saved_session(int index, SSL* ssl);
 
 }  // namespace kora::util

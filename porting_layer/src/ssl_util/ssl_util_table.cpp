@@ -93,6 +93,7 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
   rec.openssl_obj_hndl = static_cast<uint32_t>(index) + 1;  // names the slot's private context
   Slot& slot = g_slots[index];
   slot.role = role;
+  slot.server_name[0] = '\0';
   slot.ssl.store(nullptr, std::memory_order_relaxed);
   slot.ctx.store(ctx.release(), std::memory_order_relaxed);  // owned by the slot until free
   slot.handle.store(handle, std::memory_order_release);
