@@ -85,7 +85,7 @@ std::string mount_tmpfs(const std::string& path, const std::string& options) {
 }
 
 std::string remount_read_only(const std::string& path, bool read_only) {
-  const unsigned long flags = MS_REMOUNT | (read_only ? MS_RDONLY : 0UL);
+  const unsigned long flags = MS_REMOUNT | (read_only ? static_cast<unsigned long>(MS_RDONLY) : 0UL);
   if (mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0) {
     return errno_text("remount " + path);
   }
