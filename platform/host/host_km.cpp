@@ -118,8 +118,8 @@ Result create_root_key(const std::string& path) {
     return kErrCrypto;
   }
   char suffix[40];
-  std::snprintf(suffix, sizeof suffix, ".tmp.%ld.%02x%02x%02x%02x", static_cast<long>(::getpid()), salt[0],
-                salt[1], salt[2], salt[3]);
+  (void)std::snprintf(suffix, sizeof suffix, ".tmp.%ld.%02x%02x%02x%02x", static_cast<long>(::getpid()),
+                      salt[0], salt[1], salt[2], salt[3]);
   const std::string tmp = path + suffix;
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
@@ -153,7 +153,7 @@ Result load_root_key(Secret<kRootKeyLen>& key) {
   }
   struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != static_cast<off_t>(kRootKeyLen)) {
-    close_keep_errno(fd);
+    (void)close_keep_errno(fd);
     return kErrRootKey;
   }
   // One byte more than expected, to notice a file that grew after fstat.
@@ -169,7 +169,7 @@ Result load_root_key(Secret<kRootKeyLen>& key) {
     }
     got += static_cast<size_t>(r);
   }
-  close_keep_errno(fd);
+  (void)close_keep_errno(fd);
   const bool ok = got == kRootKeyLen;
   if (ok) {
     std::memcpy(key.bytes, buf, kRootKeyLen);
