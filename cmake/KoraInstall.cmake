@@ -1,0 +1,34 @@
+# Installs the three libraries, the public headers, a CMake package (find_package(KoraSslStore)
+# gives kora::kora_ssl_store, kora::kora_ssl_util and kora::kora_platform_host) and a
+# pkg-config file (kora-ssl-store.pc).
+include(CMakePackageConfigHelpers)
+
+set(KORA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kora)
+set(KORA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoraSslStore)
+
+# The object layer and the host services link the private header target; for static
+# archives CMake records that link in the export, so the target must be exported too. It
+# carries nothing outside the build tree: its include directory is the source tree's.
+set_property(TARGET kora_internal_headers PROPERTY INTERFACE_INCLUDE_DIRECTORIES
+  "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/porting_layer/src>")
+
+install(TARGETS kora_ssl_store kora_ssl_util kora_platform_host kora_internal_headers
+  EXPORT KoraSslStoreTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${KORA_INSTALL_INCLUDEDIR})
+
+file(GLOB KORA_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/porting_layer/inc/*.h)
+install(FILES ${KORA_PUBLIC_HEADERS} DESTINATION ${KORA_INSTALL_INCLUDEDIR})
+
+install(EXPORT KoraSslStoreTargets NAMESPACE kora:: DESTINATION ${KORA_INSTALL_CMAKEDIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/KoraSslStoreConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KoraSslStoreConfig.cmake INSTALL_DESTINATION ${KORA_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KoraSslStoreConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KoraSslStoreConfig.cmake ${PROJECT_BINARY_DIR}/KoraSslStoreConfigVersion.cmake
+  DESTINATION ${KORA_INSTALL_CMAKEDIR})
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/kora-ssl-store.pc.in ${PROJECT_BINARY_DIR}/kora-ssl-store.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kora-ssl-store.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,52 @@
+// Name checks and the kind words of the command line.
+#include "cli_names.h"
+
+#include <iterator>
+
+namespace kora::cli {
+namespace {
+
+constexpr Kind kKinds[] = {
+    {"cert", "certificate", KORA_NET_SSL_CERTIFICATE_E},
+    {"ca", "CA list", KORA_NET_SSL_CA_LIST_E},
+    {"psk", "PSK table", KORA_NET_SSL_PSK_TABLE_E},
+    {"di", "device-identity certificate", KORA_NET_SSL_DI_CERT_E},
+};
+
+}  // namespace
+
+std::string name_problem(const std::string& name) {
+  if (name.empty()) {
+    return "it is empty";
+  }
+  if (name.size() > kMaxNameLen) {
+    return "it has " + std::to_string(name.size()) + " characters, at most " + std::to_string(kMaxNameLen) +
+           " are allowed";
+  }
+  if (name.find('\0') != std::string::npos) {
+    return "it contains a NUL byte";
+  }
+  if (name.find('/') != std::string::npos) {
+    return "it contains \"/\"";
+  }
+  if (name.find("..") != std::string::npos) {
+    return "it contains \"..\"";
+  }
+  return std::string();
+}
+
+const Kind* kinds_begin() { return std::begin(kKinds); }
+const Kind* kinds_end() { return std::end(kKinds); }
+
+std::optional<Kind> parse_kind(const std::string& word) {
+  for (const Kind& k : kKinds) {
+    if (word == k.word) {
+      return k;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string kind_words() { return "cert, ca, psk or di"; }
+
+}  // namespace kora::cli

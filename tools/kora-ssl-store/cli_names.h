@@ -1,0 +1,31 @@
+// Credential names and kinds as the command line writes them.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "kora_net_ssl.h"
+
+namespace kora::cli {
+
+// The store appends a name to its directory as it is, so the tool refuses before the store
+// sees it: an empty name, more than 63 characters, a "/" or a "..".
+inline constexpr size_t kMaxNameLen = 63;
+
+// Empty when `name` may be used, else why not (one phrase, e.g. "it contains \"/\"").
+std::string name_problem(const std::string& name);
+
+struct Kind {
+  const char* word;   // "cert", "ca", "psk", "di"
+  const char* title;  // "certificate", ...
+  kora_Net_SSL_Cert_Type_t type;
+};
+
+// The four kinds in store order.
+const Kind* kinds_begin();
+const Kind* kinds_end();
+std::optional<Kind> parse_kind(const std::string& word);
+// "cert, ca, psk or di"
+std::string kind_words();
+
+}  // namespace kora::cli

@@ -1,0 +1,148 @@
+// Diagnostic sink and failure lines.
+#include "cli_report.h"
+
+#include <openssl/err.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "commands.h"
+#include "kora_net_ssl.h"
+#include "msg_diag.h"
+
+namespace kora::cli {
+namespace {
+
+struct DiagState {
+  std::mutex mutex;
+  bool verbose = false;
+  std::string last_error;
+  std::string command = "kora-ssl-store";
+};
+
+DiagState& diag() {
+  static DiagState s;
+  return s;
+}
+
+std::string trimmed(const char* text) {
+  std::string s = text != nullptr ? text : "";
+  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) {
+    s.pop_back();
+  }
+  // Some texts end in a line break followed by blanks; keep the one line whole.
+  for (char& c : s) {
+    if (c == '\n' || c == '\r') {
+      c = ' ';
+    }
+  }
+  return s;
+}
+
+const char* level_word(uint32_t mask) {
+  if ((mask & MSG_LEGACY_ERROR) != 0) {
+    return "ERROR";
+  }
+  if ((mask & MSG_LEGACY_HIGH) != 0) {
+    return "HIGH";
+  }
+  return "MSG";
+}
+
+void sink(const msg_const_type* blk, const char* text, void* /*user*/) {
+  DiagState& s = diag();
+  const std::string line = trimmed(text);
+  const std::lock_guard<std::mutex> lock(s.mutex);
+  if ((blk->desc.ss_mask & MSG_LEGACY_ERROR) != 0 && !line.empty()) {
+    s.last_error = line;
+  }
+  if (s.verbose) {
+    std::fprintf(stderr, "%s %s:%u %s\n", level_word(blk->desc.ss_mask),
+                 blk->fname != nullptr ? blk->fname : "?", static_cast<unsigned>(blk->desc.line),
+                 line.c_str());
+  }
+}
+
+}  // namespace
+
+void diag_install(bool verbose) {
+  {
+    const std::lock_guard<std::mutex> lock(diag().mutex);
+    diag().verbose = verbose;
+  }
+  msg_set_sink(&sink, nullptr);
+}
+
+bool diag_verbose() {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  return diag().verbose;
+}
+
+std::string diag_last_error() {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  return diag().last_error;
+}
+
+void diag_clear() {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  diag().last_error.clear();
+}
+
+void report_set_command(const std::string& command) {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  diag().command = "kora-ssl-store " + command;
+}
+
+static std::string prefix() {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  return diag().command;
+}
+
+int fail(const std::string& what) {
+  std::fprintf(stderr, "%s: %s\n", prefix().c_str(), what.c_str());
+  return kExitFailed;
+}
+
+int fail_store(const std::string& what, int status) {
+  std::string line = what + ": store status " + std::to_string(status) + " (" + status_name(status) + ")";
+  const std::string last = diag_last_error();
+  if (!last.empty()) {
+    line += ": " + last;
+  }
+  return fail(line);
+}
+
+int usage_error(const std::string& what) {
+  const std::string p = prefix();
+  std::fprintf(stderr, "%s: %s (see '%s --help')\n", p.c_str(), what.c_str(), p.c_str());
+  return kExitUsage;
+}
+
+const char* status_name(int status) {
+  switch (status) {
+    case KORA_OK:
+      return "KORA_OK";
+    case KORA_ERROR:
+      return "KORA_ERROR";
+    case KORA_ERR_INVALID_PARAM:
+      return "KORA_ERR_INVALID_PARAM";
+    case KORA_ERR_NO_MEMORY:
+      return "KORA_ERR_NO_MEMORY";
+    case KORA_ERR_NOT_SUPPORTED:
+      return "KORA_ERR_NOT_SUPPORTED";
+    default:
+      return "unknown";
+  }
+}
+
+std::string openssl_reason() {
+  const unsigned long err = ERR_peek_last_error();
+  ERR_clear_error();
+  if (err == 0) {
+    return std::string();
+  }
+  const char* reason = ERR_reason_error_string(err);
+  return reason != nullptr ? reason : "OpenSSL error " + std::to_string(err);
+}
+
+}  // namespace kora::cli

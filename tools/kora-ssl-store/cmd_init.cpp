@@ -1,0 +1,34 @@
+// init: the store tree and its key material.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "cli_keys.h"
+#include "cli_report.h"
+#include "commands.h"
+#include "kora_net_ssl.h"
+
+namespace kora::cli {
+
+int run_init(const Args& args) {
+  if (!args.positional.empty()) {
+    return usage_error("init takes no arguments");
+  }
+  struct stat st {};
+  if (::stat(kDataRoot, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    // The store never creates its data root; on a device it is the data partition.
+    return fail(std::string("the data root ") + kDataRoot +
+                " does not exist; create it (or mount the data partition) first");
+  }
+  const bool had_key_blob = ::stat(kKeyBlobFile, &st) == 0;
+  const int status = run_store_init_quietly();
+  if (status != KORA_OK) {
+    return fail_store("initialising the store failed", status);
+  }
+  std::printf("store ready at %s (%s)\n", kStoreRoot,
+              had_key_blob ? "existing key material loaded" : "new key material provisioned");
+  return kExitOk;
+}
+
+}  // namespace kora::cli
