@@ -25,7 +25,7 @@ std::future<void> lock_in_thread(ivra_mutex_t* m) {
 }
 
 TEST(HostMutex, ReleasesWithoutAHoldAreToleratedAndChangeNothing) {
-  ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
+  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;  // a waiter that fails to wake outlives us
   EXPECT_EQ(ivra_mutex_lock(nullptr), -1);
   EXPECT_EQ(ivra_mutex_unlock(nullptr), -1);
   EXPECT_EQ(ivra_mutex_unlock(&m), 1) << "release without any hold";
@@ -41,9 +41,10 @@ TEST(HostMutex, ReleasesWithoutAHoldAreToleratedAndChangeNothing) {
 }
 
 TEST(HostMutex, HoldNeverReleasedBlocksOthersAndTheHolderItself) {
-  ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
-  std::promise<void> held;
-  std::thread([&] {
+  // Static: the blocked threads outlive this function.
+  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
+  static std::promise<void> held;
+  std::thread([] {
     ivra_mutex_lock(&m);
     held.set_value();
     ivra_mutex_lock(&m);  // the holder asks again: it waits like anyone else
