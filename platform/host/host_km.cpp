@@ -196,10 +196,10 @@ Result key_wrap(const uint8_t* root, const uint8_t* in, size_t in_len, uint8_t* 
     return encrypt ? kErrCrypto : kErrKeyBlob;
   }
   int fin = 0;
-  if (EVP_CipherFinal_ex(ctx.get(), out + n, &fin) != 1) {
+  if (EVP_CipherFinal_ex(ctx.get(), out + n, &fin) != 1 || fin < 0) {
     return encrypt ? kErrCrypto : kErrKeyBlob;
   }
-  *out_len = static_cast<size_t>(n + fin);
+  *out_len = static_cast<size_t>(n) + static_cast<size_t>(fin);
   return kOk;
 }
 
