@@ -1,5 +1,6 @@
 // Shared set-up of the storage tests: an initialised store in the private root, plain-file
-// helpers, the sealed content of a stored file, and a probe of ssl_mutex from another thread.
+// helpers, the unsealed content of a stored file, a probe of ssl_mutex from another thread,
+// and test names for table-driven cases (every case struct has a `label`).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,12 +23,14 @@
 
 namespace kora::test {
 
+inline const std::string kStoreRoot = "/data/data_velto/.ssl/";
 inline const std::string kCerts = "/data/data_velto/.ssl/certs/";
 inline const std::string kCaLists = "/data/data_velto/.ssl/ca_lists/";
 inline const std::string kPskTables = "/data/data_velto/.ssl/psk_table/";
 inline const std::string kDiCerts = "/data/data_velto/.ssl/di_certs/";
 inline const std::string kPrivateKeys = "/data/data_velto/.ssl/private_keys/";
 inline const std::string kSessions = "/data/data_velto/.ssl/sessions/";
+inline const std::string kKindDirs[] = {"", kCerts, kCaLists, kPskTables, kDiCerts};  // by kind 1..4
 
 class StorageTest : public ::testing::Test {
  protected:
@@ -36,6 +40,8 @@ class StorageTest : public ::testing::Test {
     ASSERT_EQ(ssl_store_init(), 0);
   }
 };
+
+inline constexpr auto kCaseName = [](const auto& test_case) { return std::string(test_case.param.label); };
 
 inline bool file_exists(const std::string& path) {
   struct stat st;
