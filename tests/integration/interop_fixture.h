@@ -133,6 +133,8 @@ class Interop : public ::testing::Test {
   std::vector<ssl_obj_hdl_t> objects_;
 };
 
+inline std::string version_flag(int version) { return version == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"; }
+
 inline std::string hex(const std::string& bytes) {
   static const char digits[] = "0123456789abcdef";
   std::string out;

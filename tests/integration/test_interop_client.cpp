@@ -7,8 +7,6 @@ namespace {
 
 using kora::certgen::Credential;
 
-std::string version_flag(int version) { return version == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"; }
-
 class ClientCertificate : public Interop, public ::testing::WithParamInterface<int> {
  protected:
   // A client that verifies the server with the stored CA list, over one protocol version.

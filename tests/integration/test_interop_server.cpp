@@ -8,8 +8,6 @@
 namespace kora::test {
 namespace {
 
-std::string version_flag(int version) { return version == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"; }
-
 bool exists(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0;

@@ -194,14 +194,4 @@ TEST(SslUtilTable, ConcurrentCreateAndFreeKeepHandlesUniqueAndLoseNoSlot) {
   }
 }
 
-TEST(SslUtilRandom, FillsTheBufferAndRejectsNull) {
-  std::vector<uint8_t> a(32), b(32);
-  EXPECT_EQ(ssl_get_random_number(32, a.data()), 0);
-  EXPECT_EQ(ssl_get_random_number(32, b.data()), 0);
-  EXPECT_NE(a, b);
-  EXPECT_NE(a, std::vector<uint8_t>(32));
-  EXPECT_EQ(ssl_get_random_number(0, a.data()), 0);
-  EXPECT_EQ(ssl_get_random_number(4, nullptr), -2);
-}
-
 }  // namespace

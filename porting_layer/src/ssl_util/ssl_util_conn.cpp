@@ -7,8 +7,6 @@
 #include <openssl/err.h>
 #include <openssl/x509.h>
 
-#include <climits>
-
 #include "ossl_ptr.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
