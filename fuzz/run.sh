@@ -2,7 +2,8 @@
 # Builds the PSK parser fuzz target with clang (libFuzzer, ASan, UBSan) and runs it for a
 # bounded time, then prints the executions and the corpus size.
 # Usage: fuzz/run.sh [seconds]   (default 60)
-# KORA_FUZZ_BUILD_DIR overrides the build directory (default <repo>/build-fuzz).
+# KORA_FUZZ_BUILD_DIR overrides the build directory (default <repo>/build-fuzz),
+# KORA_FUZZ_CORPUS_DIR the working corpus (default <repo>/fuzz/corpus-run/psk).
 set -eu
 
 seconds=${1:-60}
@@ -15,8 +16,8 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebI
   -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
 cmake --build "$build" -j2 --target fuzz_psk_parser >/dev/null
 
-# New inputs go to a working corpus in the build tree; the checked-in seeds stay as they are.
-corpus=$build/corpus/psk
+# New inputs go to a working corpus (not checked in); the seeds in fuzz/corpus/psk stay as they are.
+corpus=${KORA_FUZZ_CORPUS_DIR:-$root/fuzz/corpus-run/psk}
 mkdir -p "$corpus"
 log=$build/fuzz_psk_parser.log
 status=0
