@@ -1,5 +1,6 @@
 // Saved TLS sessions, bound to the credential name of their object:
-// "<name>_<n>.session" holds the DER session, "<name>_<n>.timestamp" a session_store_t.
+// "<name>_<n>.session" holds the DER session sealed like every credential file (it carries
+// the session's master secret), "<name>_<n>.timestamp" a plain session_store_t.
 // The store removes both when the credential is removed, by that naming.
 #include <fcntl.h>
 #include <glib.h>
@@ -8,11 +9,13 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <vector>
 
 #include "ossl_ptr.h"
+#include "ssl_store.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
@@ -42,12 +45,11 @@ bool write_all(int fd, const void* data, size_t size) {
   return true;
 }
 
-// Writes a new file (exclusive create when `fresh`), mode 0600. 0, -1 error, 1 already there.
-int write_file(const char* path, const void* data, size_t size, bool fresh) {
-  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (fresh ? O_EXCL : O_TRUNC);
-  const int fd = ::open(path, flags, 0600);
+// Writes a whole file, mode 0600. 0 on success, -1 on error.
+int write_file(const char* path, const void* data, size_t size) {
+  const int fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_TRUNC, 0600);
   if (fd < 0) {
-    return errno == EEXIST ? 1 : -1;
+    return -1;
   }
   const bool written = write_all(fd, data, size);
   const bool closed = ::close(fd) == 0;
@@ -123,11 +125,11 @@ int store_files(const char* name, const SSL_SESSION* session, char* chosen, size
     if (::access(timestamp, F_OK) == 0) {
       continue;  // a stray timestamp keeps its number taken
     }
-    const int written = write_file(chosen, der.data(), der.size(), true);
-    if (written == 1) {
+    if (::access(chosen, F_OK) == 0) {
       continue;
     }
-    if (written == 0 && write_file(timestamp, &record, sizeof record, false) == 0) {
+    const int written = ssl_store_cert_write_encrypt_to_file(chosen, der.data(), der.size());
+    if (written == 0 && write_file(timestamp, &record, sizeof record) == 0) {
       status = 0;
     } else {
       UTIL_LOG_ERROR("ssl_session_save: cannot write session files for %s (errno %d)\n", name, errno);
@@ -212,13 +214,21 @@ void offer_saved_session(int index, SSL* ssl) {
     UTIL_LOG_HIGH("Saved session expired, full handshake\n");
     return;
   }
-  if (!read_file(session_file, &bytes)) {
+  void* plain = nullptr;
+  size_t plain_size = 0;
+  if (ssl_store_cert_read_decrypt_from_file(session_file, &plain, &plain_size) != 0 ||
+      plain_size > static_cast<size_t>(kMaxSessionFileSize)) {
     UTIL_LOG_HIGH("Saved session not usable, full handshake\n");
+    if (plain != nullptr) {
+      OPENSSL_cleanse(plain, plain_size);
+      std::free(plain);
+    }
     return;
   }
-  const uint8_t* cursor = bytes.data();
-  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(bytes.size())));
-  OPENSSL_cleanse(bytes.data(), bytes.size());
+  const auto* cursor = static_cast<const uint8_t*>(plain);
+  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(plain_size)));
+  OPENSSL_cleanse(plain, plain_size);
+  std::free(plain);
   if (!session || SSL_set_session(ssl, session.get()) != 1) {
     UTIL_LOG_ERROR("Saved session could not be decoded\n");
     log_ssl_internal_error_impl(__func__, __LINE__);
