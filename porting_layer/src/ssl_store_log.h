@@ -14,11 +14,11 @@ void log_message(const msg_const_type* site, const char* format, ...) __attribut
 
 }  // namespace kora::store
 
-#define SSL_STORE_LOG_AT(mask, ...)                                                                \
-  do {                                                                                             \
-    static const msg_const_type kLogSite = {                                                       \
+#define SSL_STORE_LOG_AT(mask, ...)                                                                      \
+  do {                                                                                                   \
+    static const msg_const_type kLogSite = {                                                             \
         {static_cast<uint16_t>(__LINE__), ::kora::store::kStoreSubsystemId, (mask)}, "%s", "ssl_store"}; \
-    ::kora::store::log_message(&kLogSite, __VA_ARGS__);                                            \
+    ::kora::store::log_message(&kLogSite, __VA_ARGS__);                                                  \
   } while (0)
 
 #define STORE_LOG_ERROR(...) SSL_STORE_LOG_AT(MSG_LEGACY_ERROR, __VA_ARGS__)
