@@ -23,6 +23,7 @@ int install_from_temp_file(SSL_CTX* ssl, void* buffer, size_t buf_size) {
     return KORA_ERROR;
   }
   if (SSL_CTX_load_verify_locations(ssl, kCaListTempFile.data(), nullptr) != 1) {
+    // High level, not error, as the device has always reported a refused list.
     STORE_LOG_HIGH("CAList: Unable to retrieve the CAList\n");
     log_ssl_internal_error_impl("SSL_ca_list_load", __LINE__);
     return KORA_ERROR;

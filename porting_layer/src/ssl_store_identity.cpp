@@ -133,6 +133,8 @@ int work_out_identifier(X509* cert, kora_Net_SSL_Identifier_t* out) {
       // A common name holding a NUL byte is passed over, not refused.
     }
   }
+  // Written here, before the alternative names are searched, and only when the common name
+  // was not used; field logs key on it.
   STORE_LOG_HIGH("SSL_cert_load_get_identifier: Cert load and Got the Identifier \n");
   return alt_name_identifier(cert, out);
 }

@@ -37,6 +37,8 @@ int psk_table_load(ssl_obj_hdl_t hdl, const char* file_path) {
     STORE_LOG_ERROR("Unable to get the correct global index\n");
     return KORA_ERROR;
   }
+  // No refusal when the object already carries a certificate or CA list: only the
+  // certificate side checks for the other.
   if (ssl_store_cert_read_decrypt_from_file(file_path, &buffer, &buf_size) != 0) {
     // The table installed before, if any, stays.
     STORE_LOG_ERROR("ERROR: Reading psk info from cert loc failed!! \r\n");
