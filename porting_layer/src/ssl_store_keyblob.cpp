@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "fs_public.h"
 #include "ssl_KM_crypto_services.h"
@@ -105,6 +106,14 @@ int load() {
   if (ssl_store_read_from_file(g_ssl_ta_keyblob_nonce_file_name, &nonce, &nonce_len) != 0) {
     STORE_LOG_ERROR("SSL_cert_store: Reading nonce from EFS failed failed!");
     return key_err(KORA_ERROR);
+  }
+  // The key service always reads 12 bytes of nonce: a shorter file is zero-padded in memory
+  // so that it never reads past this buffer. The file itself is taken as it stands.
+  if (nonce_len < kNonceLength) {
+    if (void* padded = std::realloc(nonce, kNonceLength)) {
+      std::memset(static_cast<uint8_t*>(padded) + nonce_len, 0, kNonceLength - nonce_len);
+      nonce = padded;
+    }
   }
   gp_ta_nonceBuf = static_cast<uint8_t*>(nonce);
   return provisioned();
