@@ -18,9 +18,10 @@ constexpr int kPathBufferSize = 512;
 constexpr int kMaxListed = 10;
 constexpr size_t kNameSlotSize = sizeof(kora_Net_SSL_Cert_List_t{}.name[0]);
 
-// The kind's directory, or null for a kind outside 1..4. Private keys are never listed.
+// The kind's directory, or null for a kind outside 1..4. Private keys are never listed. The
+// kind is switched on as the plain integer C callers pass, which may lie outside the enum.
 const char* kind_directory(kora_Net_SSL_Cert_Type_t type) {
-  switch (type) {
+  switch (static_cast<int>(type)) {
     case KORA_NET_SSL_CERTIFICATE_E:
       return g_ssl_cert_sub_folder_name_for_certs;
     case KORA_NET_SSL_CA_LIST_E:
