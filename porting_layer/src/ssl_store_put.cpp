@@ -35,7 +35,8 @@ int put_credential(const char* name, kora_Net_SSL_Cert_Type_t type, const void* 
   ivra_mutex_lock(&ssl_mutex);
 
   if (cert != nullptr && size != 0) {
-    // A negative size is passed on as a (huge) unsigned length; the sealing layer refuses it.
+    // A negative size also selects storing and reaches the sealing call converted to an
+    // unsigned length, as legacy callers have always had it.
     int status = ssl_store_cert_write_encrypt_to_file(temp_file_path, cert, static_cast<size_t>(size));
     if (status == KORA_ERROR) {
       STORE_LOG_ERROR("Failed to write cert file to file location\n");
