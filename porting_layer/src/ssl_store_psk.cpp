@@ -36,6 +36,12 @@ int hex_value(uint8_t c) {
   return -1;
 }
 
+void put_le32(uint8_t* at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) {
+    at[i] = static_cast<uint8_t>((value >> (8 * i)) & 0xFF);
+  }
+}
+
 void put_be16(uint8_t* at, size_t value) {
   at[0] = static_cast<uint8_t>((value >> 8) & 0xFF);
   at[1] = static_cast<uint8_t>(value & 0xFF);
@@ -85,11 +91,9 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
 
   const uint8_t* ptr = psktbl->psk_Buf;
   size_t size = psktbl->psk_Size;
-  // Mark 0xB7 written as a little-endian 32-bit value; bytes 2-3 get the entry count.
-  pskTable[0] = 0xB7;
-  pskTable[1] = 0x00;
-  pskTable[2] = 0x00;
-  pskTable[3] = 0x00;
+  // Mark 0xB7 written as a little-endian 32-bit value; bytes 2-3 are overwritten with the
+  // entry count at the end, so byte 1 stays 0x00.
+  put_le32(pskTable, 0xB7);
   uint8_t* pti = pskTable + kTableHeaderSize;
   size_t nEntries = 0;
   int32_t ret_val = KORA_OK;
