@@ -30,5 +30,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/KoraSslStoreConfigVersion
 install(FILES ${PROJECT_BINARY_DIR}/KoraSslStoreConfig.cmake ${PROJECT_BINARY_DIR}/KoraSslStoreConfigVersion.cmake
   DESTINATION ${KORA_INSTALL_CMAKEDIR})
 
+# The prefix is found relative to the .pc file, so `cmake --install --prefix DIR` works too.
+file(RELATIVE_PATH KORA_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kora-ssl-store.pc.in ${PROJECT_BINARY_DIR}/kora-ssl-store.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kora-ssl-store.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

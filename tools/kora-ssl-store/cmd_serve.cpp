@@ -1,8 +1,97 @@
+// serve: accept TLS connections with a certificate loaded from the store.
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "cli_keys.h"
 #include "cli_report.h"
+#include "cli_tls.h"
 #include "commands.h"
 
 namespace kora::cli {
 
-int run_serve(const Args& /*args*/) { return fail("not available yet"); }
+int run_serve(const Args& args) {
+  if (args.positional.size() != 1) {
+    return usage_error("serve needs PORT");
+  }
+  const std::string& port_text = args.positional[0];
+  if (port_text.empty() || port_text.size() > 5 ||
+      port_text.find_first_not_of("0123456789") != std::string::npos || std::stoi(port_text) < 1 ||
+      std::stoi(port_text) > 65535) {
+    return usage_error("port '" + port_text + "' is not a number from 1 to 65535");
+  }
+  if (!args.has("--cert")) {
+    return usage_error("serve needs --cert NAME: a server presents a certificate");
+  }
+  if (const int rc = load_key_material(); rc != kExitOk) {
+    return rc;
+  }
+  SslObject obj;
+  if (const int rc = obj.create(SSL_OBJ_ROLE_SERVER); rc != 0) {
+    return fail_store("creating a server SSL object failed", rc);
+  }
+  if (const int rc = load_credential(obj.hdl(), KORA_NET_SSL_CERTIFICATE_E, args.value("--cert"));
+      rc != kExitOk) {
+    return rc;
+  }
+  const bool verify = args.has("--ca");
+  if (verify) {
+    if (const int rc = load_credential(obj.hdl(), KORA_NET_SSL_CA_LIST_E, args.value("--ca"));
+        rc != kExitOk) {
+      return rc;
+    }
+    if (ssl_obj_set_verify(obj.hdl(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT) != 0) {
+      return fail("requiring client certificates failed");
+    }
+  }
+  std::string why;
+  int bound = 0;
+  Socket listener = tcp_listen("0.0.0.0", std::stoi(port_text), &bound, &why);
+  if (listener.fd() < 0) {
+    return fail(why);
+  }
+  std::printf("listening on port %d with certificate '%s'%s\n", bound, args.value("--cert").c_str(),
+              verify ? ", client certificates required" : "");
+  std::fflush(stdout);
+
+  int failures = 0;
+  for (;;) {
+    Socket client(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (client.fd() < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return fail(std::string("accept failed: ") + std::strerror(errno));
+    }
+    diag_clear();
+    const int rc = ssl_conn_open(obj.hdl(), client.fd());
+    ssl_conn_info_t info{};
+    const bool have_info = ssl_conn_get_info(obj.hdl(), &info) == 0;
+    const std::string verification =
+        verify ? verify_phrase(info.verify_result) : "not requested (no --ca given)";
+    if (rc != 0) {
+      ++failures;
+      std::string line = "TLS handshake with a client failed";
+      if (have_info && verify && info.verify_result != X509_V_OK) {
+        line += ": client certificate " + verification;
+      }
+      (void)fail_store(line, rc);
+    } else {
+      std::printf("client connected\n");
+      print_conn_info(stdout, info, verification);
+      std::fflush(stdout);
+      (void)ssl_conn_shutdown(obj.hdl());
+    }
+    (void)ssl_conn_close(obj.hdl());
+    if (args.has("--once")) {
+      return failures == 0 ? kExitOk : kExitFailed;
+    }
+  }
+}
 
 }  // namespace kora::cli
