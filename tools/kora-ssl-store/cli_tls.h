@@ -9,6 +9,11 @@
 
 namespace kora::cli {
 
+// Cipher choices of a PSK client. OpenSSL's PSK client callback serves TLS 1.3 only with
+// suites on SHA-256.
+inline constexpr const char* kPskTls12Ciphers = "PSK:ECDHE-PSK:DHE-PSK";
+inline constexpr const char* kPskTls13Suites = "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256";
+
 // An SSL object of the object layer, freed when this goes.
 class SslObject {
  public:

@@ -11,14 +11,6 @@
 #include "commands.h"
 
 namespace kora::cli {
-namespace {
-
-// OpenSSL's PSK client callback serves TLS 1.3 only with suites on SHA-256.
-constexpr const char* kPskTls12Ciphers = "PSK:ECDHE-PSK:DHE-PSK";
-constexpr const char* kPskTls13Suites = "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256";
-
-}  // namespace
-
 int run_connect(const Args& args) {
   if (args.positional.size() != 1) {
     return usage_error("connect needs HOST:PORT");

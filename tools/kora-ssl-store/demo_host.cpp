@@ -1,0 +1,119 @@
+// Host state around the demo: data root, store tree, key blob files, root key.
+#include "demo_host.h"
+
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "host_km.h"
+#include "ssl_store.h"
+
+namespace kora::cli {
+namespace {
+
+// The store tree in creation order; removal runs backwards.
+const char* const kStoreDirs[] = {
+    "/data/data_velto/.ssl/",           "/data/data_velto/.ssl/certs/",
+    "/data/data_velto/.ssl/ca_lists/",  "/data/data_velto/.ssl/di_certs/",
+    "/data/data_velto/.ssl/psk_table/", "/data/data_velto/.ssl/private_keys/",
+    "/data/data_velto/.ssl/sessions/",  "/data/data_velto/.ssl/keyblob/",
+};
+constexpr const char* kKeyBlobFile = "/data/data_velto/.ssl/keyblob/takey.blob";
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+int remove_entry(const char* path, const struct stat* /*st*/, int /*flag*/, struct FTW* /*ftw*/) {
+  return ::remove(path) == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+DemoHost::~DemoHost() { restore(); }
+
+bool DemoHost::prepare(std::string* why) {
+  for (const char* dir : {"/data", "/data/data_velto"}) {
+    if (exists(dir)) {
+      continue;
+    }
+    if (::mkdir(dir, 0755) != 0) {
+      *why = std::string("cannot create ") + dir + ": " + std::strerror(errno);
+      restore();
+      return false;
+    }
+    created_dirs_.emplace_back(dir);
+  }
+  for (const char* dir : kStoreDirs) {
+    if (!exists(dir)) {
+      absent_store_dirs_.emplace_back(dir);
+    }
+  }
+  for (const char* file : {kKeyBlobFile, g_ssl_ta_keyblob_nonce_file_name}) {
+    if (!exists(file)) {
+      absent_files_.emplace_back(file);
+    }
+  }
+  // The key service makes its root key on first use. A host without one gets a temporary
+  // root key for this run, removed afterwards, so no key file stays behind.
+  if (!exists(kora::km::root_key_path())) {
+    char dir_template[] = "/tmp/kora-demo-XXXXXX";
+    if (::mkdtemp(dir_template) == nullptr) {
+      *why = std::string("cannot create a temporary directory: ") + std::strerror(errno);
+      restore();
+      return false;
+    }
+    temp_key_dir_ = dir_template;
+    temp_key_file_ = temp_key_dir_ + "/root.key";
+    ::setenv("KORA_KM_ROOT_KEY", temp_key_file_.c_str(), 1);
+  }
+  prepared_ = true;
+  return true;
+}
+
+void DemoHost::restore() {
+  if (!temp_key_dir_.empty()) {
+    if (exists(temp_key_file_) && ::unlink(temp_key_file_.c_str()) != 0) {
+      leftovers_.push_back(temp_key_file_);
+    }
+    if (::rmdir(temp_key_dir_.c_str()) != 0) {
+      leftovers_.push_back(temp_key_dir_);
+    }
+    temp_key_dir_.clear();
+  }
+  if (!created_dirs_.empty()) {
+    // The data root is ours: everything below it was made by this run.
+    const std::string root = created_dirs_.back();
+    if (::nftw(root.c_str(), &remove_entry, 16, FTW_DEPTH | FTW_PHYS) != 0) {
+      leftovers_.push_back(root);
+    }
+    for (auto it = created_dirs_.rbegin() + 1; it != created_dirs_.rend(); ++it) {
+      if (::rmdir(it->c_str()) != 0) {
+        leftovers_.push_back(*it);
+      }
+    }
+    created_dirs_.clear();
+  } else if (prepared_) {
+    // An existing data root: only the key blob files and directories this run added go.
+    for (const std::string& file : absent_files_) {
+      if (exists(file) && ::unlink(file.c_str()) != 0) {
+        leftovers_.push_back(file);
+      }
+    }
+    for (auto it = absent_store_dirs_.rbegin(); it != absent_store_dirs_.rend(); ++it) {
+      if (exists(*it) && ::rmdir(it->c_str()) != 0) {
+        leftovers_.push_back(*it);
+      }
+    }
+  }
+  absent_files_.clear();
+  absent_store_dirs_.clear();
+  prepared_ = false;
+}
+
+}  // namespace kora::cli

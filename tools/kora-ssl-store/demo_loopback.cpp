@@ -1,0 +1,114 @@
+// Loopback handshakes: object-layer sides and a plain OpenSSL PSK server.
+#include "demo_loopback.h"
+
+#include <netinet/in.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cstring>
+#include <thread>
+
+#include "cli_tls.h"
+#include "ossl_ptr.h"
+
+namespace kora::cli {
+namespace {
+
+// A side that stops answering must not hang the demo.
+void set_timeouts(int fd) {
+  struct timeval tv {};
+  tv.tv_sec = 10;
+  (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+}
+
+unsigned int psk_server_cb(SSL* ssl, const char* identity, unsigned char* psk, unsigned int max_psk_len) {
+  const auto* peer = static_cast<const PskPeer*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+  if (peer == nullptr || identity == nullptr || peer->identity != identity ||
+      peer->key.size() > max_psk_len) {
+    return 0;
+  }
+  std::memcpy(psk, peer->key.data(), peer->key.size());
+  return static_cast<unsigned int>(peer->key.size());
+}
+
+void copy_field(char* dst, size_t size, const char* src) {
+  std::strncpy(dst, src != nullptr ? src : "", size - 1);
+  dst[size - 1] = '\0';
+}
+
+}  // namespace
+
+LoopbackResult run_loopback(const Side& server, const Side& client) {
+  LoopbackResult result;
+  int port = 0;
+  Socket listener = tcp_listen("127.0.0.1", 0, &port, &result.error);
+  if (listener.fd() < 0) {
+    return result;
+  }
+  std::thread server_thread([&] {
+    Socket conn(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (conn.fd() < 0) {
+      return;
+    }
+    set_timeouts(conn.fd());
+    result.server = server(conn.fd());
+  });
+  {
+    Socket sock = tcp_connect("127.0.0.1", std::to_string(port), &result.error);
+    if (sock.fd() >= 0) {
+      set_timeouts(sock.fd());
+      result.client = client(sock.fd());
+    } else {
+      // Wake the accepting thread so that it can end.
+      Socket wake = tcp_connect("127.0.0.1", std::to_string(port), &result.error);
+    }
+  }
+  server_thread.join();
+  return result;
+}
+
+SideResult object_side(ssl_obj_hdl_t hdl, int fd) {
+  SideResult r;
+  r.status = ssl_conn_open(hdl, fd);
+  r.have_info = ssl_conn_get_info(hdl, &r.info) == 0;
+  if (r.status == 0) {
+    (void)ssl_conn_shutdown(hdl);
+  }
+  (void)ssl_conn_close(hdl);
+  return r;
+}
+
+SideResult psk_server_side(const PskPeer& peer, int version, int fd) {
+  SideResult r;
+  SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()));
+  if (!ctx) {
+    return r;
+  }
+  SSL_CTX_set_min_proto_version(ctx.get(), version);
+  SSL_CTX_set_max_proto_version(ctx.get(), version);
+  SSL_CTX_set_cipher_list(ctx.get(), "PSK:ECDHE-PSK");
+  SSL_CTX_set_ciphersuites(ctx.get(), "TLS_AES_128_GCM_SHA256");
+  SSL_CTX_set_app_data(ctx.get(), const_cast<PskPeer*>(&peer));
+  SSL_CTX_set_psk_server_callback(ctx.get(), &psk_server_cb);
+  SslPtr ssl(SSL_new(ctx.get()));
+  if (!ssl || SSL_set_fd(ssl.get(), fd) != 1) {
+    return r;
+  }
+  const int rc = SSL_accept(ssl.get());
+  r.status = rc == 1 ? 0 : -1;
+  copy_field(r.info.protocol, sizeof(r.info.protocol), SSL_get_version(ssl.get()));
+  copy_field(r.info.cipher, sizeof(r.info.cipher), SSL_get_cipher_name(ssl.get()));
+  r.info.verify_result = SSL_get_verify_result(ssl.get());
+  r.have_info = true;
+  if (rc == 1) {
+    (void)SSL_shutdown(ssl.get());
+  }
+  ERR_clear_error();
+  return r;
+}
+
+}  // namespace kora::cli
