@@ -1,6 +1,5 @@
-// Shared set-up of the storage tests: an initialised store in the private root, plain-file
-// helpers, the unsealed content of a stored file, a probe of ssl_mutex from another thread,
-// and test names for table-driven cases (every case struct has a `label`).
+// Storage tests: an initialised store in the private root, file helpers, the unsealed content of
+// a stored file, a probe of ssl_mutex from another thread, and names for table-driven cases.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,22 +14,20 @@
 #include <ostream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "kora_net_ssl.h"
+#include "log_capture.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
 
 namespace kora::test {
 
 inline const std::string kStoreRoot = "/data/data_velto/.ssl/";
-inline const std::string kCerts = "/data/data_velto/.ssl/certs/";
-inline const std::string kCaLists = "/data/data_velto/.ssl/ca_lists/";
-inline const std::string kPskTables = "/data/data_velto/.ssl/psk_table/";
-inline const std::string kDiCerts = "/data/data_velto/.ssl/di_certs/";
-inline const std::string kPrivateKeys = "/data/data_velto/.ssl/private_keys/";
-inline const std::string kSessions = "/data/data_velto/.ssl/sessions/";
-inline const std::string kKindDirs[] = {"", kCerts, kCaLists, kPskTables, kDiCerts};  // by kind 1..4
+inline const std::string kCerts = kStoreRoot + "certs/";
+inline const std::string kCaLists = kStoreRoot + "ca_lists/";
+inline const std::string kPskTables = kStoreRoot + "psk_table/";
+inline const std::string kSessions = kStoreRoot + "sessions/";
+inline const std::string kKindDirs[] = {"", kCerts, kCaLists, kPskTables, kStoreRoot + "di_certs/"};
 
 class StorageTest : public ::testing::Test {
  protected:
@@ -41,7 +38,14 @@ class StorageTest : public ::testing::Test {
   }
 };
 
-inline constexpr auto kCaseName = [](const auto& test_case) { return std::string(test_case.param.label); };
+// Table-driven storage cases: every case struct has a `label`, which names the test.
+template <class Case>
+class StorageTable : public StorageTest, public ::testing::WithParamInterface<Case> {};
+template <class Case, class = decltype(Case::label)>
+std::ostream& operator<<(std::ostream& os, const Case& c) {
+  return os << c.label;
+}
+inline constexpr auto kCaseName = [](const auto& info) { return std::string(info.param.label); };
 
 inline bool file_exists(const std::string& path) {
   struct stat st;
@@ -67,9 +71,16 @@ inline std::optional<std::string> read_stored(const std::string& path) {
   return content;
 }
 
-// True when another thread takes and releases ssl_mutex within `wait`. When it does not, the
-// probe thread stays blocked for the rest of the process.
-inline bool store_lock_is_free(std::chrono::milliseconds wait = std::chrono::milliseconds(1000)) {
+// The store's own message: exact text, level and subsystem id.
+inline void expect_message(const LoggedMessage& m, const std::string& text, uint32_t mask) {
+  EXPECT_EQ(m.text, text);
+  EXPECT_EQ(m.mask, mask) << text;
+  EXPECT_EQ(m.ss_id, 65) << text;
+}
+
+// True when another thread takes and releases ssl_mutex within one second. When it does not,
+// the probe thread stays blocked for the rest of the process.
+inline bool store_lock_is_free() {
   auto done = std::make_shared<std::promise<void>>();
   auto taken = done->get_future();
   std::thread([done] {
@@ -77,7 +88,7 @@ inline bool store_lock_is_free(std::chrono::milliseconds wait = std::chrono::mil
     ivra_mutex_unlock(&ssl_mutex);
     done->set_value();
   }).detach();
-  return taken.wait_for(wait) == std::future_status::ready;
+  return taken.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
 }
 
 }  // namespace kora::test

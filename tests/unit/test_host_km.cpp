@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,10 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 namespace km = kora::km;
 const char* const kRootKey = "/data/km/root.key";
+constexpr int kSeal = SSL_KM_DIRECTION_SEAL, kUnseal = SSL_KM_DIRECTION_UNSEAL;
 
 void write_file(const std::string& path, const Bytes& b) {
   std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
-}
-
-Bytes read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 Bytes random_bytes(size_t n) {
@@ -50,27 +47,26 @@ int crypt(const Bytes& blob, const Bytes& nonce, const Bytes& in, int direction,
   size_t len = 0;
   const int rc = ssl_KM_TA_crypto_services_encrypt_decrypt_data(blob.data(), blob.size(), nonce.data(),
                                                                 in.data(), in.size(), &p, &len, direction);
-  if (rc == 0) {
+  if (rc != 0) {
+    EXPECT_EQ(p, &sentinel) << "output pointer changed on failure";
+  } else {
     if (out != nullptr) {
       out->assign(static_cast<uint8_t*>(p), static_cast<uint8_t*>(p) + len);
     }
     std::free(p);
-  } else {
-    EXPECT_EQ(p, &sentinel) << "output pointer changed on failure";
   }
   return rc;
 }
 
 class HostKm : public testing::Test {
  protected:
-  HostKm() {
-    std::system("rm -rf /data/km");  // a fresh root key even when cases share a process
+  void SetUp() override {
     setenv("KORA_KM_ROOT_KEY", kRootKey, 1);
     blob_ = new_blob();
   }
   Bytes seal(const Bytes& plain) {
     Bytes out;
-    EXPECT_EQ(crypt(blob_, nonce_, plain, SSL_KM_DIRECTION_SEAL, &out), 0);
+    EXPECT_EQ(crypt(blob_, nonce_, plain, kSeal, &out), 0);
     return out;
   }
   Bytes blob_;
@@ -84,15 +80,13 @@ TEST(HostKmRootKey, ConcurrentFirstUseCreatesOnePrivateKey) {
   ::umask(022);
   std::vector<pid_t> kids;
   for (int i = 0; i < 8; ++i) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      uint8_t* p = nullptr;
-      size_t len = 0;
-      const int rc = ssl_KM_TA_crypto_services_generate_keyblob(&p, &len);
-      write_file("/data/blob" + std::to_string(i), Bytes(p, p + len));
-      _exit(rc == 0 && len == km::kKeyBlobLen ? 0 : 1);
+    if (const pid_t pid = fork(); pid != 0) {
+      kids.push_back(pid);
+      continue;
     }
-    kids.push_back(pid);
+    const Bytes blob = new_blob();
+    write_file("/data/blob" + std::to_string(i), blob);
+    _exit(blob.size() == km::kKeyBlobLen ? 0 : 1);
   }
   for (pid_t pid : kids) {
     int status = -1;
@@ -107,66 +101,67 @@ TEST(HostKmRootKey, ConcurrentFirstUseCreatesOnePrivateKey) {
   EXPECT_EQ(st.st_size, 32);
   EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
   for (int i = 0; i < 8; ++i) {
-    EXPECT_EQ(crypt(read_file("/data/blob" + std::to_string(i)), Bytes(12), Bytes(4), SSL_KM_DIRECTION_SEAL),
-              0)
-        << i;
+    std::ifstream in("/data/blob" + std::to_string(i), std::ios::binary);
+    const Bytes blob(std::istreambuf_iterator<char>(in), {});
+    EXPECT_EQ(crypt(blob, Bytes(12), Bytes(4), kSeal), 0) << i;
   }
 }
 
-TEST_F(HostKm, RoundTripsKeepEveryLength) {
+TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
   for (size_t n : {0, 1, 16, 17, 4096, 100000}) {
     const Bytes plain = random_bytes(n);
     const Bytes sealed = seal(plain);
     ASSERT_EQ(sealed.size(), n + 29) << n;
     EXPECT_EQ(sealed[0], 1);
     Bytes back;
-    ASSERT_EQ(crypt(blob_, nonce_, sealed, SSL_KM_DIRECTION_UNSEAL, &back), 0) << n;
+    ASSERT_EQ(crypt(blob_, nonce_, sealed, kUnseal, &back), 0) << n;
     EXPECT_EQ(back, plain) << n;
   }
-  // A fresh random IV per seal, never the provisioned nonce.
-  const Bytes a = seal(Bytes(64, 'a'));
-  const Bytes b = seal(Bytes(64, 'a'));
+  const Bytes a = seal(Bytes(64, 'a')), b = seal(Bytes(64, 'a'));
   EXPECT_NE(Bytes(a.begin() + 1, a.begin() + 13), Bytes(b.begin() + 1, b.begin() + 13));
-  EXPECT_NE(Bytes(a.begin() + 1, a.begin() + 13), nonce_);
+  EXPECT_NE(Bytes(a.begin() + 1, a.begin() + 13), nonce_) << "the provisioned nonce used as IV";
 }
 
+// One byte more, every truncation, a low and a high bit flipped in each byte, another nonce,
+// another key blob.
 TEST_F(HostKm, EveryAlterationFailsAuthentication) {
   const Bytes sealed = seal(random_bytes(40));
-  std::vector<Bytes> altered;
+  std::vector<Bytes> altered{sealed};
+  altered[0].push_back(0);
   for (size_t i = 0; i < sealed.size(); ++i) {
+    altered.emplace_back(sealed.begin(), sealed.begin() + static_cast<long>(i));
     for (uint8_t bit : {0x01, 0x80}) {
       altered.push_back(sealed);
       altered.back()[i] ^= bit;
     }
-    altered.emplace_back(sealed.begin(), sealed.begin() + static_cast<long>(i));  // every truncation
   }
-  altered.push_back(sealed);
-  altered.back().push_back(0);
   for (size_t k = 0; k < altered.size(); ++k) {
-    EXPECT_NE(crypt(blob_, nonce_, altered[k], SSL_KM_DIRECTION_UNSEAL), 0) << "case " << k;
+    EXPECT_NE(crypt(blob_, nonce_, altered[k], kUnseal), 0) << "case " << k;
   }
   Bytes other_nonce = nonce_;
   other_nonce[11] ^= 1;
-  EXPECT_EQ(crypt(blob_, other_nonce, sealed, SSL_KM_DIRECTION_UNSEAL), km::kErrAuth);
-  EXPECT_EQ(crypt(new_blob(), nonce_, sealed, SSL_KM_DIRECTION_UNSEAL), km::kErrAuth);
+  EXPECT_EQ(crypt(blob_, other_nonce, sealed, kUnseal), km::kErrAuth);
+  EXPECT_EQ(crypt(new_blob(), nonce_, sealed, kUnseal), km::kErrAuth);
 }
 
 TEST_F(HostKm, DamagedBlobOrReplacedRootKeyFailsEveryCall) {
+  std::vector<Bytes> bad(blob_.size(), blob_);
   for (size_t i = 0; i < blob_.size(); ++i) {
-    Bytes bad = blob_;
-    bad[i] ^= 0x10;
-    EXPECT_EQ(crypt(bad, nonce_, Bytes(3), SSL_KM_DIRECTION_SEAL), km::kErrKeyBlob) << "byte " << i;
+    bad[i][i] ^= 0x10;
   }
   for (size_t len : {0, 39, 41}) {
-    Bytes bad = blob_;
-    bad.resize(len);
-    EXPECT_EQ(crypt(bad, nonce_, Bytes(3), SSL_KM_DIRECTION_SEAL), km::kErrKeyBlob) << "length " << len;
+    bad.push_back(blob_);
+    bad.back().resize(len);
+  }
+  for (size_t k = 0; k < bad.size(); ++k) {
+    EXPECT_EQ(crypt(bad[k], nonce_, Bytes(3), kSeal), km::kErrKeyBlob) << "case " << k;
   }
   const Bytes sealed = seal(Bytes(3));
   write_file(kRootKey, random_bytes(32));
-  EXPECT_EQ(crypt(blob_, nonce_, sealed, SSL_KM_DIRECTION_UNSEAL), km::kErrKeyBlob);
+  EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), km::kErrKeyBlob);
 }
 
+// Root key file sizes; -1 puts a directory in its place.
 class HostKmBadRoot : public HostKm, public testing::WithParamInterface<long> {};
 
 TEST_P(HostKmBadRoot, EveryCallFailsCleanly) {
@@ -177,15 +172,13 @@ TEST_P(HostKmBadRoot, EveryCallFailsCleanly) {
     write_file(kRootKey, random_bytes(static_cast<size_t>(GetParam())));
   }
   EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(5), SSL_KM_DIRECTION_SEAL), km::kErrRootKey);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(5), kSeal), km::kErrRootKey);
 }
 
-// Root key file sizes; -1 puts a directory in its place.
 INSTANTIATE_TEST_SUITE_P(Sizes, HostKmBadRoot, testing::Values(0L, 31L, 33L, -1L));
 
 TEST_F(HostKm, BadArgumentsAreRefused) {
-  const uint8_t* b = blob_.data();
-  const uint8_t* n = nonce_.data();
+  const uint8_t *b = blob_.data(), *n = nonce_.data();
   const Bytes in(8);
   void* out = nullptr;
   size_t len = 0;

@@ -32,35 +32,25 @@ std::string stderr_of(Fn fn) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-struct PrintCase {
-  uint32_t mask;
-  int verbose;
-  const char* fmt;
-  const char* text;
-  const char* printed;
-};
-
-class DefaultSink : public testing::TestWithParam<PrintCase> {};
-
-TEST_P(DefaultSink, PrintsOneLinePerMessage) {
-  const PrintCase& c = GetParam();
-  const msg_const_type site = {{42, 65, c.mask}, c.fmt, "ssl_store"};
-  msg_set_verbose(c.verbose);
-  EXPECT_EQ(stderr_of([&] { msg_sprintf(&site, c.text); }), c.printed);
+TEST(DefaultSink, PrintsOneLinePerMessageAndHighOnlyWhenVerbose) {
+  const struct {
+    uint32_t mask;
+    int verbose;
+    const char *fmt, *text, *printed;
+  } cases[] = {
+      {0x8, 0, "%s", "Cannot open dir\n", "ERROR ssl_store:42 Cannot open dir\n"},
+      {0x8, 0, "%s", "SSL directory unavailable \n", "ERROR ssl_store:42 SSL directory unavailable \n"},
+      {0x8, 0, "%s", "Keyblob is generated", "ERROR ssl_store:42 Keyblob is generated\n"},
+      {0x4, 0, "%s", "Root directory unavailable\n", ""},
+      {0x4, 1, "%s", "Root directory unavailable\n", "HIGH ssl_store:42 Root directory unavailable\n"},
+      {0x8, 0, "%s", "100%s %d %n", "ERROR ssl_store:42 100%s %d %n\n"},
+      {0x8, 0, "[%s] 5%% %d", "x", "ERROR ssl_store:42 [x] 5% %d\n"}};
+  for (const auto& c : cases) {
+    const msg_const_type site = {{42, 65, c.mask}, c.fmt, "ssl_store"};
+    msg_set_verbose(c.verbose);
+    EXPECT_EQ(stderr_of([&] { msg_sprintf(&site, c.text); }), c.printed) << c.fmt << " " << c.text;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DefaultSink,
-    testing::Values(PrintCase{0x8, 0, "%s", "Cannot open dir\n", "ERROR ssl_store:42 Cannot open dir\n"},
-                    PrintCase{0x8, 0, "%s", "SSL directory unavailable \n",
-                              "ERROR ssl_store:42 SSL directory unavailable \n"},
-                    PrintCase{0x8, 0, "%s", "Keyblob is generated",
-                              "ERROR ssl_store:42 Keyblob is generated\n"},
-                    PrintCase{0x4, 0, "%s", "Root directory unavailable\n", ""},
-                    PrintCase{0x4, 1, "%s", "Root directory unavailable\n",
-                              "HIGH ssl_store:42 Root directory unavailable\n"},
-                    PrintCase{0x8, 0, "%s", "100%s %d %n", "ERROR ssl_store:42 100%s %d %n\n"},
-                    PrintCase{0x8, 0, "[%s] 5%% %d", "x", "ERROR ssl_store:42 [x] 5% %d\n"}));
 
 TEST(MsgSink, ReceivesTheExactTextAndNullRestoresTheDefault) {
   static const msg_const_type site = {{7, 65, MSG_LEGACY_ERROR}, "%s", "ssl_store"};
@@ -74,13 +64,12 @@ TEST(MsgSink, ReceivesTheExactTextAndNullRestoresTheDefault) {
   EXPECT_EQ(stderr_of([&] { msg_sprintf(&site, "back"); }), "ERROR ssl_store:7 back\n");
 }
 
-// After msg_set_sink returns, no call is still inside the previous sink and none will
-// reach it, so its owner may destroy it at once.
+// After msg_set_sink returns, no call is still inside the previous sink and none will reach
+// it, so its owner may destroy it at once.
 TEST(MsgSink, SwitchingWaitsForCallsInsideTheOldSink) {
   static const msg_const_type site = {{1, 65, MSG_LEGACY_ERROR}, "%s", "ssl_store"};
   struct Slow {
-    std::atomic<int> inside{0};
-    std::atomic<int> calls{0};
+    std::atomic<int> inside{0}, calls{0};
   } slow;
   msg_set_sink(
       [](const msg_const_type*, const char*, void* user) {

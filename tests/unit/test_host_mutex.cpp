@@ -13,19 +13,18 @@ namespace {
 using namespace std::chrono_literals;
 
 // A detached thread takes `m`; the future is ready once it has it. If the lock never comes,
-// the process ends with the thread still waiting.
+// the process ends with the thread still waiting, so `m` must outlive the test body.
 std::future<void> lock_in_thread(ivra_mutex_t* m) {
   auto done = std::make_shared<std::promise<void>>();
-  std::future<void> f = done->get_future();
   std::thread([m, done] {
     ivra_mutex_lock(m);
     done->set_value();
   }).detach();
-  return f;
+  return done->get_future();
 }
 
 TEST(HostMutex, ReleasesWithoutAHoldAreToleratedAndChangeNothing) {
-  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;  // a waiter that fails to wake outlives us
+  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
   EXPECT_EQ(ivra_mutex_lock(nullptr), -1);
   EXPECT_EQ(ivra_mutex_unlock(nullptr), -1);
   EXPECT_EQ(ivra_mutex_unlock(&m), 1) << "release without any hold";
@@ -41,7 +40,6 @@ TEST(HostMutex, ReleasesWithoutAHoldAreToleratedAndChangeNothing) {
 }
 
 TEST(HostMutex, HoldNeverReleasedBlocksOthersAndTheHolderItself) {
-  // Static: the blocked threads outlive this function.
   static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
   static std::promise<void> held;
   std::thread([] {

@@ -1,15 +1,8 @@
 // PSK text tables turned into the stored binary table: the stored bytes read back through the
 // sealing layer, every malformed-text outcome, size limits, and the work buffer's bounds.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <optional>
-#include <ostream>
-#include <string>
 #include <utility>
 #include <vector>
 
-#include "log_capture.h"
 #include "storage_fixture.h"
 
 namespace kora::test {
@@ -28,14 +21,11 @@ std::string table_of(const Entries& entries) {
   return t;
 }
 
-class PskTest : public StorageTest {
- protected:
-  static int32_t parse(const std::string& text, const char* name = "tbl") {
-    kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
-                                   reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()))};
-    return ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>(name));
-  }
-};
+int32_t parse(const std::string& text, const char* name = "tbl") {
+  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
+                                 reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()))};
+  return ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>(name));
+}
 
 struct TextCase {
   const char* label;
@@ -43,58 +33,51 @@ struct TextCase {
   int32_t expected;
   std::optional<std::string> stored;  // nothing: no table may be stored
 };
-void PrintTo(const TextCase& c, std::ostream* os) { *os << c.label; }
-class PskTextTest : public PskTest, public ::testing::WithParamInterface<TextCase> {};
+using PskTextTest = StorageTable<TextCase>;
 
 TEST_P(PskTextTest, ResultAndStoredTable) {
-  const TextCase& c = GetParam();
   LogCapture log;
-  EXPECT_EQ(parse(c.text), c.expected);
+  EXPECT_EQ(parse(GetParam().text), GetParam().expected);
   EXPECT_TRUE(log.messages().empty());  // parse failures are silent
-  EXPECT_EQ(read_stored(kTablePath), c.stored);
+  EXPECT_EQ(read_stored(kTablePath), GetParam().stored);
 }
 
 const std::optional<std::string> kNone;
-INSTANTIATE_TEST_SUITE_P(
-    Texts, PskTextTest,
-    ::testing::Values(
-        TextCase{"one_entry", "id:00112233", 0,
-                 std::string("\xB7\0\0\x01\0\x02id\0\x04\x00\x11\x22\x33", 14)},
-        TextCase{"mixed_line_breaks", "a:0A\r\n\r\nb:ff\n", 0, table_of({{"a", "\x0a"}, {"b", "\xff"}})},
-        TextCase{"carriage_return_separates", "a:01\rb:02", 0, table_of({{"a", "\x01"}, {"b", "\x02"}})},
-        TextCase{"mixed_case_hex", "k:aBcDeF09", 0, table_of({{"k", "\xab\xcd\xef\x09"}})},
-        TextCase{"bar_quoted_identity_keeps_colon", "|x:y|:AB", 0, table_of({{"x:y", "\xab"}})},
-        TextCase{"bar_inside_identity", "ab|cd|:01", 0, table_of({{"abcd", "\x01"}})},
-        TextCase{"bar_after_plain_bytes", "ab|cd:ef|:00", 0, table_of({{"abcd:ef", std::string(1, '\0')}})},
-        TextCase{"leading_line_break_is_identity", "\nid:01", 0, table_of({{"\nid", "\x01"}})},
-        TextCase{"identity_bytes_literal", std::string("i \t\0d:01", 8), 0,
-                 table_of({{std::string("i \t\0d", 5), "\x01"}})},
-        // A lone last digit after complete bytes: the entry is kept with them, still -1.
-        TextCase{"odd_last_key_stored", "a:01\nid:012", -1, table_of({{"a", "\x01"}, {"id", "\x01"}})},
-        // A single last digit: the uncounted entry's bytes trail the header, still -1.
-        TextCase{"single_last_digit", "id:0", -1, std::string("\xB7\0\0\0\0\x02id\0\0", 10)},
-        TextCase{"odd_key_then_line_break", "id:012\n", -1, kNone},
-        TextCase{"empty_key_at_end", "id:", -1, kNone}, TextCase{"empty_key_then_more", "id:\n01", -1, kNone},
-        TextCase{"empty_identity", ":01", -1, kNone}, TextCase{"blank_after_key", "id:01 ", -1, kNone},
-        TextCase{"non_hex_digit", "id:0g", -1, kNone}, TextCase{"non_hex_first_digit", "id:g0", -1, kNone},
-        TextCase{"no_separator", "identity", -1, kNone},
-        TextCase{"second_entry_unfinished", "a:01\nb", -1, kNone},
-        TextCase{"bar_never_closed", "|x:01", -1, kNone}, TextCase{"closing_bar_last", "|x|", -1, kNone},
-        TextCase{"closing_bar_without_colon", "|x:y|AB", -1, kNone},
-        TextCase{"bar_quoted_empty_identity", "||:01", -1, kNone}),
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Texts, PskTextTest, ::testing::Values(
+    TextCase{"one_entry", "id:00112233", 0, std::string("\xB7\0\0\x01\0\x02id\0\x04\x00\x11\x22\x33", 14)},
+    TextCase{"mixed_line_breaks", "a:0A\r\n\r\nb:ff\n", 0, table_of({{"a", "\x0a"}, {"b", "\xff"}})},
+    TextCase{"carriage_return_separates", "a:01\rb:02", 0, table_of({{"a", "\x01"}, {"b", "\x02"}})},
+    TextCase{"mixed_case_hex", "k:aBcDeF09", 0, table_of({{"k", "\xab\xcd\xef\x09"}})},
+    TextCase{"bar_quoted_identity_keeps_colon", "|x:y|:AB", 0, table_of({{"x:y", "\xab"}})},
+    TextCase{"bar_inside_identity", "ab|cd|:01", 0, table_of({{"abcd", "\x01"}})},
+    TextCase{"bar_after_plain_bytes", "ab|cd:ef|:00", 0, table_of({{"abcd:ef", std::string(1, '\0')}})},
+    TextCase{"leading_line_break_is_identity", "\nid:01", 0, table_of({{"\nid", "\x01"}})},
+    TextCase{"identity_bytes_literal", std::string("i \t\0d:01", 8), 0, table_of({{std::string("i \t\0d", 5), "\x01"}})},
+    // A lone last digit after complete bytes: the entry is kept with them, still -1.
+    TextCase{"odd_last_key_stored", "a:01\nid:012", -1, table_of({{"a", "\x01"}, {"id", "\x01"}})},
+    // A single last digit: the uncounted entry's bytes trail the header, still -1.
+    TextCase{"single_last_digit", "id:0", -1, std::string("\xB7\0\0\0\0\x02id\0\0", 10)},
+    TextCase{"odd_key_then_line_break", "id:012\n", -1, kNone},
+    TextCase{"empty_key_at_end", "id:", -1, kNone}, TextCase{"empty_key_then_more", "id:\n01", -1, kNone},
+    TextCase{"empty_identity", ":01", -1, kNone}, TextCase{"blank_after_key", "id:01 ", -1, kNone},
+    TextCase{"non_hex_digit", "id:0g", -1, kNone}, TextCase{"non_hex_first_digit", "id:g0", -1, kNone},
+    TextCase{"no_separator", "identity", -1, kNone}, TextCase{"second_entry_unfinished", "a:01\nb", -1, kNone},
+    TextCase{"bar_never_closed", "|x:01", -1, kNone}, TextCase{"closing_bar_last", "|x|", -1, kNone},
+    TextCase{"closing_bar_without_colon", "|x:y|AB", -1, kNone},
+    TextCase{"bar_quoted_empty_identity", "||:01", -1, kNone}),
     kCaseName);
+// clang-format on
 
 // Identities of 1..65535 bytes, keys of 1..256 bytes.
 struct LimitCase {
   const char* label;
-  size_t identity_length;
-  size_t key_length;
+  size_t identity_length, key_length;
   std::string tail;  // text after the key
   int32_t expected;
   bool stored;
 };
-void PrintTo(const LimitCase& c, std::ostream* os) { *os << c.label; }
-class PskLimitTest : public PskTest, public ::testing::WithParamInterface<LimitCase> {};
+using PskLimitTest = StorageTable<LimitCase>;
 
 TEST_P(PskLimitTest, LengthBounds) {
   const LimitCase& c = GetParam();
@@ -108,8 +91,7 @@ TEST_P(PskLimitTest, LengthBounds) {
   }
   EXPECT_EQ(parse(identity + ":" + digits + c.tail), c.expected);
   std::optional<std::string> expected;
-  if (c.stored) {
-    // A refused key that runs to the end leaves its entry uncounted, trailing the header.
+  if (c.stored) {  // a refused key running to the end leaves its entry uncounted after the header
     expected = c.expected == 0 ? table_of({{identity, key}})
                                : table_of({}) + be16(c.identity_length) + identity + be16(0) + key;
   }
@@ -125,9 +107,8 @@ INSTANTIATE_TEST_SUITE_P(Bounds, PskLimitTest,
                                            LimitCase{"identity_of_65536", 65536, 4, "", -1, false}),
                          kCaseName);
 
-// Short entries store more bytes than their text has (6 for "a:00\n"): the table must come
-// out whole, and the count wraps at 65536.
-TEST_F(PskTest, ManyShortEntriesOutgrowTheirText) {
+// "a:00\n" stores 6 bytes from 5 of text: the table must come out whole; the count wraps.
+TEST_F(StorageTest, PskEntriesThatOutgrowTheirText) {
   for (const size_t count : {1000u, 65537u}) {
     std::string text;
     for (size_t i = 0; i < count; ++i) {
@@ -138,26 +119,23 @@ TEST_F(PskTest, ManyShortEntriesOutgrowTheirText) {
   }
 }
 
-TEST_F(PskTest, StoreFailureIsReported) {
+TEST_F(StorageTest, PskStoreFailureAndMissingArguments) {
   const std::string name(64, 'n');
   EXPECT_EQ(parse("a:01", name.c_str()), -1);
   EXPECT_FALSE(file_exists(kPskTables + name));
   EXPECT_TRUE(store_lock_is_free());
-}
 
-TEST_F(PskTest, MissingArgumentsAreRefused) {
   std::string text = "a:01";
   auto* buf = reinterpret_cast<uint8_t*>(text.data());
-  const auto* name = reinterpret_cast<const uint8_t*>("tbl");
+  const auto* tbl = reinterpret_cast<const uint8_t*>("tbl");
   kora_Net_SSL_PSK_Table_t good{4, buf}, no_buffer{4, nullptr}, empty{0, buf};
   const std::pair<kora_Net_SSL_PSK_Table_t*, const uint8_t*> cases[] = {
-      {nullptr, name}, {&no_buffer, name}, {&empty, name}, {&good, nullptr}};
+      {nullptr, tbl}, {&no_buffer, tbl}, {&empty, tbl}, {&good, nullptr}};
   for (const auto& [table, out_file] : cases) {
     LogCapture log;
     EXPECT_EQ(ssl_parse_and_store_psktable(table, out_file), KORA_ERR_INVALID_PARAM);
     ASSERT_EQ(log.messages().size(), 1u);
-    EXPECT_EQ(log.messages()[0].text, "Invalid input parameters!");
-    EXPECT_EQ(log.messages()[0].mask, kError);
+    expect_message(log.messages()[0], "Invalid input parameters!", kError);
   }
   EXPECT_FALSE(file_exists(kTablePath));
 }

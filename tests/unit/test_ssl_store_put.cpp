@@ -1,15 +1,9 @@
 // Storing and removing credentials: where the sealed bytes land, what a removal takes with it,
 // its result codes, and the lock a failed store leaves held.
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <cstdlib>
 #include <future>
-#include <ostream>
-#include <string>
 #include <vector>
 
-#include "log_capture.h"
 #include "private_root.h"
 #include "storage_fixture.h"
 
@@ -17,31 +11,31 @@ namespace kora::test {
 
 using namespace std::chrono_literals;
 
+kora_Net_SSL_Cert_Type_t kind(int type) { return static_cast<kora_Net_SSL_Cert_Type_t>(type); }
+
 struct StoreCase {
   const char* label;
   int type;
   bool priv_key;
   std::string path;
 };
-void PrintTo(const StoreCase& c, std::ostream* os) { *os << c.label; }
-class PutPlacementTest : public StorageTest, public ::testing::WithParamInterface<StoreCase> {};
+using PutPlacementTest = StorageTable<StoreCase>;
 
 TEST_P(PutPlacementTest, SealsBytesIntoTheSelectedDirectory) {
-  const StoreCase& c = GetParam();
   const std::string bytes("cred\0bytes\xff", 11);
-  ASSERT_EQ(
-      SSL_cert_store("dev", static_cast<kora_Net_SSL_Cert_Type_t>(c.type), bytes.data(), 11, c.priv_key), 0);
-  EXPECT_EQ(read_stored(c.path), bytes);
+  ASSERT_EQ(SSL_cert_store("dev", kind(GetParam().type), bytes.data(), 11, GetParam().priv_key), 0);
+  EXPECT_EQ(read_stored(GetParam().path), bytes);
   EXPECT_TRUE(store_lock_is_free());
 }
 
+const std::string kKey = kStoreRoot + "private_keys/dev";
 INSTANTIATE_TEST_SUITE_P(Kinds, PutPlacementTest,
                          ::testing::Values(StoreCase{"certificate", 1, false, kCerts + "dev"},
                                            StoreCase{"ca_list", 2, false, kCaLists + "dev"},
                                            StoreCase{"psk_table", 3, false, kPskTables + "dev"},
-                                           StoreCase{"di_cert", 4, false, kDiCerts + "dev"},
-                                           StoreCase{"private_key", 1, true, kPrivateKeys + "dev"},
-                                           StoreCase{"key_of_unknown_kind", 7, true, kPrivateKeys + "dev"}),
+                                           StoreCase{"di_cert", 4, false, kKindDirs[4] + "dev"},
+                                           StoreCase{"private_key", 1, true, kKey},
+                                           StoreCase{"key_of_unknown_kind", 7, true, kKey}),
                          kCaseName);
 
 TEST_F(StorageTest, StoringOverAnExistingNameReplacesItAndKeepsBoundSessions) {
@@ -52,8 +46,7 @@ TEST_F(StorageTest, StoringOverAnExistingNameReplacesItAndKeepsBoundSessions) {
   EXPECT_TRUE(file_exists(kSessions + "dev_1.session"));
 }
 
-// Removal of "dev": the files there before, the call, and the files (under the store root)
-// gone or kept after. dev's session files always go; other credentials' files always stay.
+// Removal of "dev": dev's session files always go, other credentials' files always stay.
 struct RemoveCase {
   const char* label;
   int type;
@@ -61,23 +54,20 @@ struct RemoveCase {
   const void* cert;         // null, or a buffer passed with size 0
   bool priv_key;
   int expected;
-  std::vector<std::string> gone, kept;
+  std::vector<std::string> gone, kept;  // under the store root
 };
-void PrintTo(const RemoveCase& c, std::ostream* os) { *os << c.label; }
-class PutRemoveTest : public StorageTest, public ::testing::WithParamInterface<RemoveCase> {};
+using PutRemoveTest = StorageTable<RemoveCase>;
 
 TEST_P(PutRemoveTest, RemovesFilesAndBoundSessions) {
   const RemoveCase& c = GetParam();
-  const auto type = static_cast<kora_Net_SSL_Cert_Type_t>(c.type);
-  ASSERT_TRUE(!c.stored || SSL_cert_store("dev", type, "credential", 10, false) == 0);
-  ASSERT_TRUE(!c.key_stored || SSL_cert_store("dev", type, "key", 3, true) == 0);
-  ASSERT_EQ(SSL_cert_store("other", type, "x", 1, false), 0);
+  ASSERT_TRUE(!c.stored || SSL_cert_store("dev", kind(c.type), "credential", 10, false) == 0);
+  ASSERT_TRUE(!c.key_stored || SSL_cert_store("dev", kind(c.type), "key", 3, true) == 0);
+  ASSERT_EQ(SSL_cert_store("other", kind(c.type), "x", 1, false), 0);
   for (const char* f : {"dev_1.session", "dev_9.timestamp", "other_1.session"}) {
     write_plain(kSessions + f);
   }
-
   LogCapture log;
-  EXPECT_EQ(SSL_cert_store("dev", type, c.cert, 0, c.priv_key), c.expected);
+  EXPECT_EQ(SSL_cert_store("dev", kind(c.type), c.cert, 0, c.priv_key), c.expected);
   EXPECT_EQ(log.has("Unable to delete the file\n", kError), c.expected != 0);
   EXPECT_TRUE(store_lock_is_free());
   for (const auto& f : c.gone) {
@@ -100,12 +90,10 @@ INSTANTIATE_TEST_SUITE_P(Removal, PutRemoveTest, ::testing::Values(
     RemoveCase{"key_flag_removes_key_twice", 1, true, true, nullptr, true, -1, {"private_keys/dev"}, {"certs/dev"}},
     RemoveCase{"ca_list", 2, true, false, nullptr, false, 0, {"ca_lists/dev"}, {}},
     RemoveCase{"missing_psk_table", 3, false, false, nullptr, false, -1, {}, {}},
-    // Only the certificate kind takes a private key along.
     RemoveCase{"di_cert_keeps_key", 4, true, true, nullptr, false, 0, {"di_certs/dev"}, {"private_keys/dev"}}),
     kCaseName);
 // clang-format on
 
-// Refused arguments: the result and the last message; the lock is never taken.
 struct RefusalCase {
   const char* label;
   const char* name;
@@ -113,18 +101,13 @@ struct RefusalCase {
   int expected;
   std::string message;
 };
-void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.label; }
-class PutRefusalTest : public StorageTest, public ::testing::WithParamInterface<RefusalCase> {};
+using PutRefusalTest = StorageTable<RefusalCase>;
 
 TEST_P(PutRefusalTest, RefusesBeforeTakingTheLock) {
-  const RefusalCase& c = GetParam();
   LogCapture log;
-  EXPECT_EQ(SSL_cert_store(c.name, static_cast<kora_Net_SSL_Cert_Type_t>(c.type), "abc", 3, false),
-            c.expected);
+  EXPECT_EQ(SSL_cert_store(GetParam().name, kind(GetParam().type), "abc", 3, false), GetParam().expected);
   ASSERT_FALSE(log.messages().empty());
-  EXPECT_EQ(log.messages().back().text, c.message);
-  EXPECT_EQ(log.messages().back().mask, kError);
-  EXPECT_EQ(log.messages().back().ss_id, 65);
+  expect_message(log.messages().back(), GetParam().message, kError);
   EXPECT_TRUE(store_lock_is_free());
 }
 
@@ -139,20 +122,14 @@ INSTANTIATE_TEST_SUITE_P(
                     "SSL_cert_store: Invalid abs path for the file name:" + kName64 + " type:2"}),
     kCaseName);
 
-// A failed write leaves ssl_mutex held by the failing thread, so a store from another thread
-// waits; a successful one releases it. Each case runs in a process of its own.
-struct LockCase {
-  const char* label;
-  bool fail_write;
-};
-void PrintTo(const LockCase& c, std::ostream* os) { *os << c.label; }
-class PutLockTest : public StorageTest, public ::testing::WithParamInterface<LockCase> {};
+// A failed write leaves ssl_mutex held, so a store from another thread waits; a successful one
+// releases it. Runs in a child process: the waiting thread is never joined.
+class PutLockTest : public StorageTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(PutLockTest, AnotherThreadWaitsOnlyAfterAFailedWrite) {
-  const bool fail_write = GetParam().fail_write;
+  const bool fail_write = GetParam();
   EXPECT_EXIT(
       {
-        // A read-only certificate directory: the file cannot be opened for writing.
         if (fail_write &&
             (!mount_tmpfs(kCerts, "size=64k").empty() || !remount_read_only(kCerts, true).empty())) {
           std::_Exit(3);
@@ -164,15 +141,13 @@ TEST_P(PutLockTest, AnotherThreadWaitsOnlyAfterAFailedWrite) {
         }
         auto other = std::async(std::launch::async,
                                 [] { return SSL_cert_store("peer", KORA_NET_SSL_CA_LIST_E, "x", 1, false); });
-        const bool waited = other.wait_for(500ms) == std::future_status::timeout;
-        std::_Exit(waited == fail_write ? 0 : 1);  // _Exit: a waiting future must not be joined
+        std::_Exit((other.wait_for(500ms) == std::future_status::timeout) == fail_write ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Outcomes, PutLockTest,
-                         ::testing::Values(LockCase{"failed_write_keeps_lock", true},
-                                           LockCase{"stored_releases_lock", false}),
-                         kCaseName);
+INSTANTIATE_TEST_SUITE_P(Outcomes, PutLockTest, ::testing::Bool(), [](const auto& p) {
+  return p.param ? "FailedWriteKeepsLock" : "StoredReleasesLock";
+});
 
 }  // namespace kora::test

@@ -25,15 +25,15 @@ std::vector<DerCase> cases() {
   const Bytes der = cred.cert_der();
   Bytes der_with_tail = der;
   der_with_tail.insert(der_with_tail.end(), {0x30, 0x03, 0x02, 0x01, 0x00});
-  Bytes der_cut(der.begin(), der.end() - 1);
   return {
       {"DerCertificate", der, 1},
       {"DerPrivateKey", cred.key_der(), 1},
       {"DerFollowedByMoreData", der_with_tail, 1},
       {"ShortFormExactLength", {0x30, 0x03, 0x02, 0x01, 0x05}, 1},
+      {"EmptySequence", {0x30, 0x00}, 1},
       {"PemCertificate", bytes(cred.cert_pem()), 0},
       {"PemKeyAfterBlankLines", bytes(" \r\n\t\n" + cred.key_pem()), 0},
-      {"DerCutShort", der_cut, 0},
+      {"DerCutShort", Bytes(der.begin(), der.end() - 1), 0},
       {"IndefiniteLength", {0x30, 0x80, 0x02, 0x01, 0x05, 0x00, 0x00}, 0},
       {"LongFormForShortLength", {0x30, 0x81, 0x03, 0x02, 0x01, 0x05}, 0},
       {"LengthWithLeadingZero", {0x30, 0x82, 0x00, 0x83, 0x00}, 0},
@@ -42,7 +42,6 @@ std::vector<DerCase> cases() {
       {"NotASequence", {0x02, 0x01, 0x05}, 0},
       {"PlainText", bytes("hello, world"), 0},
       {"DashesWithoutBegin", bytes("-----END CERTIFICATE-----\n"), 0},
-      {"Empty", {}, 0},
   };
 }
 
@@ -54,13 +53,12 @@ TEST_P(DerDetection, ClassifiesByContent) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Encodings, DerDetection, ::testing::ValuesIn(cases()),
-                         [](const auto& param_info) { return std::string(param_info.param.name); });
+                         [](const auto& p) { return std::string(p.param.name); });
 
 TEST(DerDetectionArguments, NullBufferOrZeroLengthIsNotDer) {
   const uint8_t der[] = {0x30, 0x00};
   EXPECT_EQ(openssl_IsDerFormat(nullptr, 2), 0);
   EXPECT_EQ(openssl_IsDerFormat(der, 0), 0);
-  EXPECT_EQ(openssl_IsDerFormat(der, 2), 1) << "an empty SEQUENCE is well-formed DER";
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "kora_certgen.h"
 #include "log_capture.h"
@@ -24,31 +25,29 @@ using kora::test::kError;
 using kora::test::kHigh;
 using kora::test::LogCapture;
 
-constexpr char kSessions[] = "/data/data_velto/.ssl/sessions/";
+const std::string kSessions = "/data/data_velto/.ssl/sessions/";
+const std::string kSession1 = kSessions + "cred_1.session", kTimestamp1 = kSessions + "cred_1.timestamp";
 
 struct Outcome {
-  int client_rc = -99;
-  int server_rc = -99;
-  int save_rc = -99;
+  int client_rc = -99, server_rc = -99, save_rc = -99;
   ssl_conn_info_t info{};
   std::string saved;
 };
-
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
-}
 
 std::string contents(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+void put_contents(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
 session_store_t read_record(const std::string& path) {
   session_store_t rec{};
-  std::ifstream in(path, std::ios::binary);
-  in.read(reinterpret_cast<char*>(&rec), sizeof rec);
-  EXPECT_EQ(in.gcount(), static_cast<std::streamsize>(sizeof rec)) << path;
+  const std::string bytes = contents(path);
+  EXPECT_EQ(bytes.size(), sizeof rec) << path;
+  bytes.copy(reinterpret_cast<char*>(&rec), sizeof rec);
   return rec;
 }
 
@@ -66,7 +65,6 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     server_spec.subject = {{"CN", "server.test"}};
     server_spec.alt_names = {{GEN_DNS, "server.test"}};
     const Credential server = make_signed(server_spec, ca_);
-
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_SERVER, &server_), 0);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &client_), 0);
     SSL_CTX* sctx = ssl_get_obj_context(server_);
@@ -81,20 +79,21 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     ssl_obj_free(server_);
   }
 
-  void trust_ca() {
+  void trust_ca(const char* name = nullptr) {
     ASSERT_EQ(X509_STORE_add_cert(SSL_CTX_get_cert_store(ssl_get_obj_context(client_)), ca_.cert.get()), 1);
+    ASSERT_TRUE(name == nullptr || SSL_set_cert_info(ssl_get_obj_context(client_), name) == 0);
   }
 
   // One connection: the server echoes one message; the client sends "ping", reads the echo
-  // (for TLS 1.3 that read also takes in the session tickets), then saves its session if asked.
+  // (under TLS 1.3 that read also takes in the session tickets), then saves its session if asked.
   Outcome connect(bool save) {
     Outcome out;
     int fds[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     std::thread server([&] {
       out.server_rc = ssl_conn_open(server_, fds[1]);
+      char buf[64];
       if (out.server_rc == 0) {
-        char buf[64];
         const int n = ssl_conn_read(server_, buf, sizeof buf);
         if (n > 0) {
           ssl_conn_write(server_, buf, n);
@@ -117,9 +116,7 @@ class ObjectPair : public ::testing::TestWithParam<int> {
       out.save_rc = ssl_session_save(client_, path, sizeof path);
       out.saved = path;
     }
-    if (out.client_rc == 0) {
-      EXPECT_EQ(ssl_conn_shutdown(client_), 0);
-    }
+    EXPECT_TRUE(out.client_rc != 0 || ssl_conn_shutdown(client_) == 0);
     EXPECT_EQ(ssl_conn_close(client_), 0);
     ::shutdown(fds[0], SHUT_RDWR);
     server.join();
@@ -128,37 +125,29 @@ class ObjectPair : public ::testing::TestWithParam<int> {
   }
 
   kora::certgen::Credential ca_;
-  ssl_obj_hdl_t server_ = 0;
-  ssl_obj_hdl_t client_ = 0;
+  ssl_obj_hdl_t server_ = 0, client_ = 0;
 };
 
 TEST_P(ObjectPair, VerificationFailuresEndTheHandshakeWithTheReason) {
-  struct Row {
-    const char* what;
-    bool trust;
-    const char* server_name;
-    long verify_result;
-  };
-  for (const Row& row : {Row{"unknown issuer", false, nullptr, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
-                         Row{"wrong host name", true, "other.test", X509_V_ERR_HOSTNAME_MISMATCH}}) {
-    if (row.trust) {
+  for (const auto& [trust, server_name, verify_result] :
+       {std::tuple{false, "", X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+        std::tuple{true, "other.test", X509_V_ERR_HOSTNAME_MISMATCH}}) {
+    if (trust) {
       trust_ca();
     }
-    ASSERT_EQ(ssl_obj_set_server_name(client_, row.server_name), 0);
+    ASSERT_EQ(ssl_obj_set_server_name(client_, *server_name ? server_name : nullptr), 0);
     LogCapture log;
     const Outcome out = connect(false);
-    EXPECT_EQ(out.client_rc, -1) << row.what;
-    EXPECT_NE(out.server_rc, 0) << row.what;
-    EXPECT_EQ(out.info.verify_result, row.verify_result) << row.what;
+    EXPECT_EQ(out.client_rc, -1) << verify_result;
+    EXPECT_NE(out.server_rc, 0) << verify_result;
+    EXPECT_EQ(out.info.verify_result, verify_result);
     EXPECT_TRUE(log.has(
-        "ssl_conn_open: handshake failed, verify result " + std::to_string(row.verify_result) + "\n", kError))
-        << row.what;
+        "ssl_conn_open: handshake failed, verify result " + std::to_string(verify_result) + "\n", kError));
   }
 }
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
-  trust_ca();
-  ASSERT_EQ(SSL_set_cert_info(ssl_get_obj_context(client_), "cred"), 0);
+  trust_ca("cred");
   ASSERT_EQ(ssl_obj_set_server_name(client_, "server.test"), 0);
   const Outcome first = connect(true);
   ASSERT_EQ(first.client_rc, 0);
@@ -168,11 +157,10 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(first.info.verify_result, X509_V_OK);
   EXPECT_EQ(first.info.session_reused, 0);
   ASSERT_EQ(first.save_rc, 0);
-  EXPECT_EQ(first.saved, std::string(kSessions) + "cred_1.session");
-  EXPECT_TRUE(exists(first.saved));
-  EXPECT_NE(contents(first.saved).substr(0, 1), "\x30")
+  EXPECT_EQ(first.saved, kSession1);
+  EXPECT_NE(contents(kSession1).substr(0, 1), "\x30")
       << "the session (and its master secret) stored in the clear";
-  const session_store_t rec = read_record(std::string(kSessions) + "cred_1.timestamp");
+  const session_store_t rec = read_record(kTimestamp1);
   EXPECT_STREQ(rec.ciphersuite, first.info.cipher);
   EXPECT_EQ(rec.protocol, GetParam());
   EXPECT_GT(rec.lifetime, 0);
@@ -181,7 +169,7 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   const Outcome second = connect(true);
   ASSERT_EQ(second.client_rc, 0);
   EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not offered";
-  EXPECT_EQ(second.saved, std::string(kSessions) + "cred_2.session") << "first free number not taken";
+  EXPECT_EQ(second.saved, kSessions + "cred_2.session") << "first free number not taken";
   int index = -1;
   ASSERT_EQ(utility_get_ssl_ctxt(ssl_get_obj_context(client_), &index), 0);
   EXPECT_STREQ(g_ssl_ctxt[index].sess, second.saved.c_str());
@@ -191,48 +179,28 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
 }
 
 TEST_P(ObjectPair, UnusableSavedSessionGivesAFullHandshake) {
-  trust_ca();
-  ASSERT_EQ(SSL_set_cert_info(ssl_get_obj_context(client_), "cred"), 0);
+  trust_ca("cred");
   ASSERT_EQ(connect(true).save_rc, 0);
-  const std::string session = std::string(kSessions) + "cred_1.session";
-  const std::string timestamp = std::string(kSessions) + "cred_1.timestamp";
-  const std::string saved_session = contents(session);
-  const std::string saved_timestamp = contents(timestamp);
-  session_store_t expired = read_record(timestamp);
+  const std::string saved_session = contents(kSession1), saved_timestamp = contents(kTimestamp1);
+  session_store_t expired = read_record(kTimestamp1);
   expired.session_timestamp = 1000;
-
-  struct Row {
-    const char* what;
-    void (*spoil)(const std::string& session, const std::string& timestamp, const session_store_t& expired);
-    const char* message;
-    uint32_t mask;
-  };
-  const Row rows[] = {
-      {"expired",
-       [](const std::string&, const std::string& ts, const session_store_t& e) {
-         std::ofstream(ts, std::ios::binary | std::ios::trunc)
-             .write(reinterpret_cast<const char*>(&e), sizeof e);
-       },
-       "Saved session expired, full handshake\n", kHigh},
-      {"garbled",
-       [](const std::string& s, const std::string&, const session_store_t&) { std::ofstream(s) << "junk"; },
-       "Saved session not usable, full handshake\n", kHigh},
-      {"removed",
-       [](const std::string& s, const std::string& ts, const session_store_t&) {
-         std::remove(s.c_str());
-         std::remove(ts.c_str());
-       },
-       "Saved session not usable, full handshake\n", kHigh},
-  };
-  for (const Row& row : rows) {
-    std::ofstream(session, std::ios::binary | std::ios::trunc) << saved_session;
-    std::ofstream(timestamp, std::ios::binary | std::ios::trunc) << saved_timestamp;
-    row.spoil(session, timestamp, expired);
+  const std::string expired_bytes(reinterpret_cast<const char*>(&expired), sizeof expired);
+  enum Spoil { kExpired, kGarbled, kRemoved };
+  for (const Spoil spoil : {kExpired, kGarbled, kRemoved}) {
+    put_contents(kSession1, spoil == kGarbled ? "junk" : saved_session);
+    put_contents(kTimestamp1, spoil == kExpired ? expired_bytes : saved_timestamp);
+    if (spoil == kRemoved) {
+      std::remove(kSession1.c_str());
+      std::remove(kTimestamp1.c_str());
+    }
     LogCapture log;
     const Outcome out = connect(false);
-    EXPECT_EQ(out.client_rc, 0) << row.what;
-    EXPECT_EQ(out.info.session_reused, 0) << row.what;
-    EXPECT_TRUE(log.has(row.message, row.mask)) << row.what;
+    EXPECT_EQ(out.client_rc, 0) << spoil;
+    EXPECT_EQ(out.info.session_reused, 0) << spoil;
+    EXPECT_TRUE(log.has(spoil == kExpired ? "Saved session expired, full handshake\n"
+                                          : "Saved session not usable, full handshake\n",
+                        kHigh))
+        << spoil;
   }
 }
 
@@ -241,26 +209,22 @@ TEST_P(ObjectPair, SaveRefusedWithoutConnectionNameOrDirectory) {
   EXPECT_EQ(ssl_session_save(client_, nullptr, 0), -2) << "no connection";
   EXPECT_EQ(connect(true).save_rc, -2) << "no credential name";
   ASSERT_EQ(SSL_set_cert_info(ssl_get_obj_context(client_), "cred"), 0);
-  ASSERT_EQ(::rmdir(kSessions), 0);
+  ASSERT_EQ(::rmdir(kSessions.c_str()), 0);
   EXPECT_EQ(connect(true).save_rc, -1) << "no sessions directory";
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ObjectPair, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
-                         [](const auto& param_info) {
-                           return param_info.param == TLS1_3_VERSION ? "Tls13" : "Tls12";
-                         });
+                         [](const auto& p) { return p.param == TLS1_3_VERSION ? "Tls13" : "Tls12"; });
 
 TEST(ObjectSettings, RefusedValuesAndUnknownHandles) {
   ssl_obj_hdl_t hdl = 0;
   ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl), 0);
   const ssl_obj_hdl_t unknown = hdl + 100;
   const std::string long_name(256, 'h');
-  struct Row {
+  const struct {
     const char* what;
-    int rc;
-    int expected;
-  };
-  const Row rows[] = {
+    int rc, expected;
+  } rows[] = {
       {"bounds: unknown handle", ssl_obj_set_protocol_bounds(unknown, 0, 0), -2},
       {"bounds: TLS 1.1", ssl_obj_set_protocol_bounds(hdl, TLS1_1_VERSION, 0), -2},
       {"bounds: min above max", ssl_obj_set_protocol_bounds(hdl, TLS1_3_VERSION, TLS1_2_VERSION), -2},
@@ -281,7 +245,7 @@ TEST(ObjectSettings, RefusedValuesAndUnknownHandles) {
       {"shutdown: no connection", ssl_conn_shutdown(hdl), -2},
       {"close: no connection", ssl_conn_close(hdl), -2},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     EXPECT_EQ(row.rc, row.expected) << row.what;
   }
   EXPECT_EQ(SSL_CTX_get_min_proto_version(ssl_get_obj_context(hdl)), TLS1_3_VERSION);
