@@ -1,0 +1,276 @@
+// Eight threads share the store: 10,000 stores, loads, listings and removals over a few
+// names of every kind, each thread on SSL objects of its own. Every call must return one of
+// the results its kind allows; afterwards every file left is either absent or a whole sealed
+// credential, byte for byte one that was stored, and it loads.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <dirent.h>
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "kora_certgen.h"
+#include "kora_net_ssl.h"
+#include "ssl_store.h"
+#include "ssl_util.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kOperations = 10000;
+// Far beyond a normal run even under valgrind or qemu; reaching it means a thread is stuck.
+constexpr auto kDeadline = std::chrono::seconds(540);
+const std::array<std::string, 3> kNames = {"alpha", "beta", "gamma"};
+
+std::string bytes_of(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+// A binary PSK table as the store keeps it: magic, big-endian count, then entries.
+std::string psk_table(const std::string& identity, const std::string& key) {
+  auto be16 = [](size_t n) { return std::string{static_cast<char>(n >> 8), static_cast<char>(n & 0xff)}; };
+  return std::string("\xB7\x00", 2) + be16(1) + be16(identity.size()) + identity + be16(key.size()) + key;
+}
+
+// What may be stored under one name: one certificate and key pair (the two files are written
+// by separate calls, so a pair of different generations must never be possible), and two
+// variants of CA list and PSK table, so that a file mixing two writes shows.
+struct NameContent {
+  std::string cert;
+  std::string key;
+  std::array<std::string, 2> ca;
+  std::array<std::string, 2> psk;
+};
+
+enum class Op { kStoreCert, kStoreCa, kStorePsk, kLoadCert, kLoadCa, kLoadPsk, kList, kRemove, kCount };
+
+// Each thread has one SSL object (the object table holds ten). Once a PSK table is installed
+// on it, every later certificate or CA list load on it must be refused with -8.
+struct Worker {
+  ssl_obj_hdl_t obj = 0;
+  bool psk_installed = false;
+  std::atomic<int> last_op{-1};
+  std::vector<std::string> faults;
+};
+
+class StressTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
+    ::mkdir("/data/km", 0700);
+    ASSERT_EQ(ssl_store_init(), 0);
+    for (size_t i = 0; i < kNames.size(); ++i) {
+      kora::certgen::CertSpec spec;
+      spec.subject = {{"CN", kNames[i]}};
+      auto pair = kora::certgen::make_self_signed(spec);
+      spec.is_ca = true;
+      auto ca_a = kora::certgen::make_self_signed(spec);
+      auto ca_b = kora::certgen::make_self_signed(spec);
+      // Alternate PEM and DER so that both decoders run under contention.
+      content_[i].cert = i % 2 ? bytes_of(pair.cert_der()) : pair.cert_pem();
+      content_[i].key = i % 2 ? bytes_of(pair.key_der()) : pair.key_pem();
+      content_[i].ca = {ca_a.cert_pem(), ca_b.cert_pem()};
+      content_[i].psk = {psk_table("client-" + kNames[i], std::string(16, 'a')),
+                         psk_table("other-" + kNames[i], std::string(32, 'b'))};
+    }
+  }
+
+  // One operation; a result outside the set its call may return is recorded as a fault.
+  void run_one(Worker& w, Op op, size_t n, int variant) {
+    const NameContent& c = content_[n];
+    const char* name = kNames[n].c_str();
+    auto expect = [&](int got, const std::vector<int>& allowed, const char* what) {
+      if (std::find(allowed.begin(), allowed.end(), got) == allowed.end()) {
+        w.faults.push_back(std::string(what) + " " + name + " returned " + std::to_string(got));
+      }
+    };
+    auto store = [&](kora_Net_SSL_Cert_Type_t type, const std::string& bytes, bool key) {
+      return SSL_cert_store(name, type, bytes.data(), static_cast<int>(bytes.size()), key);
+    };
+    switch (op) {
+      case Op::kStoreCert:
+        expect(store(KORA_NET_SSL_CERTIFICATE_E, c.cert, false), {KORA_OK}, "store cert");
+        expect(store(KORA_NET_SSL_CERTIFICATE_E, c.key, true), {KORA_OK}, "store key");
+        break;
+      case Op::kStoreCa:
+        expect(store(KORA_NET_SSL_CA_LIST_E, c.ca[variant], false), {KORA_OK}, "store CA list");
+        break;
+      case Op::kStorePsk:
+        expect(store(KORA_NET_SSL_PSK_TABLE_E, c.psk[variant], false), {KORA_OK}, "store PSK table");
+        break;
+      case Op::kLoadCert:  // -1 while the certificate or its key is absent
+        expect(SSL_cert_load(w.obj, KORA_NET_SSL_CERTIFICATE_E, name), cert_results(w), "load cert");
+        break;
+      case Op::kLoadCa:
+        expect(SSL_cert_load(w.obj, KORA_NET_SSL_CA_LIST_E, name), cert_results(w), "load CA list");
+        break;
+      case Op::kLoadPsk: {  // a missing file leaves an installed table in place
+        const int status = SSL_cert_load(w.obj, KORA_NET_SSL_PSK_TABLE_E, name);
+        expect(status, {KORA_OK, KORA_ERROR}, "load PSK table");
+        w.psk_installed = w.psk_installed || status == KORA_OK;
+        break;
+      }
+      case Op::kList: {
+        const auto type = static_cast<kora_Net_SSL_Cert_Type_t>(1 + variant + (n % 2) * 2);
+        kora_Net_SSL_Cert_List_t list{};
+        const int count = SSL_cert_name_list(type, &list);
+        if (count < 0 || count > static_cast<int>(kNames.size())) {
+          w.faults.push_back("list of kind " + std::to_string(type) + " returned " + std::to_string(count));
+          break;
+        }
+        for (int i = 0; i < count; ++i) {
+          if (std::find(kNames.begin(), kNames.end(), list.name[i]) == kNames.end()) {
+            w.faults.push_back(std::string("list returned the unknown name '") + list.name[i] + "'");
+          }
+        }
+        break;
+      }
+      case Op::kRemove: {  // -1 when the file was not there
+        const auto type = static_cast<kora_Net_SSL_Cert_Type_t>(1 + (variant + static_cast<int>(n)) % 3);
+        expect(SSL_cert_store(name, type, nullptr, 0, false), {KORA_OK, KORA_ERROR}, "remove");
+        break;
+      }
+      case Op::kCount:
+        break;
+    }
+  }
+
+  static std::vector<int> cert_results(const Worker& w) {
+    return w.psk_installed ? std::vector<int>{KORA_ERR_NOT_SUPPORTED} : std::vector<int>{KORA_OK, KORA_ERROR};
+  }
+
+  void run_worker(Worker& w, unsigned seed, int operations) {
+    std::mt19937 random(seed);
+    for (int i = 0; i < operations; ++i) {
+      const auto op = static_cast<Op>(random() % static_cast<unsigned>(Op::kCount));
+      w.last_op = static_cast<int>(op);
+      run_one(w, op, random() % kNames.size(), static_cast<int>(random() % 2));
+    }
+    w.last_op = -1;
+  }
+
+  std::array<NameContent, kNames.size()> content_;
+};
+
+// The plain bytes of a sealed file, or why they cannot be had.
+bool unseal(const std::string& path, std::string* plain) {
+  void* buffer = nullptr;
+  size_t size = 0;
+  if (ssl_store_cert_read_decrypt_from_file(path.c_str(), &buffer, &size) != KORA_OK) {
+    return false;
+  }
+  plain->assign(static_cast<const char*>(buffer), size);
+  std::free(buffer);
+  return true;
+}
+
+std::set<std::string> files_in(const std::string& directory) {
+  std::set<std::string> names;
+  if (DIR* dir = ::opendir(directory.c_str())) {
+    while (const dirent* entry = ::readdir(dir)) {
+      if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..") {
+        names.insert(entry->d_name);
+      }
+    }
+    ::closedir(dir);
+  }
+  return names;
+}
+
+TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentialsThatLoad) {
+  std::array<Worker, kThreads> workers;
+  for (auto& w : workers) {
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &w.obj), 0);
+  }
+
+  std::vector<std::future<void>> done;
+  for (int t = 0; t < kThreads; ++t) {
+    done.push_back(std::async(std::launch::async, [this, &workers, t] {
+      run_worker(workers[t], 1000u + static_cast<unsigned>(t), kOperations / kThreads);
+    }));
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  for (int t = 0; t < kThreads; ++t) {
+    if (done[t].wait_until(deadline) != std::future_status::ready) {
+      // A stuck thread cannot be joined: report every thread's last operation and leave.
+      for (int u = 0; u < kThreads; ++u) {
+        std::fprintf(stderr, "thread %d: last operation %d%s\n", u, workers[u].last_op.load(),
+                     workers[u].last_op.load() < 0 ? " (finished)" : " (still running)");
+      }
+      std::fprintf(stderr, "stress run did not finish within %lld s: a store call is stuck\n",
+                   static_cast<long long>(kDeadline.count()));
+      std::fflush(stderr);
+      std::_Exit(1);
+    }
+  }
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_TRUE(workers[t].faults.empty()) << "thread " << t << ": " << workers[t].faults.size()
+                                           << " unexpected results, first: " << workers[t].faults.front();
+  }
+
+  // Every file left is one of the credentials stored under its name, whole.
+  const std::string root = "/data/data_velto/.ssl/";
+  for (size_t n = 0; n < kNames.size(); ++n) {
+    const NameContent& c = content_[n];
+    const std::vector<std::pair<std::string, std::vector<std::string>>> allowed = {
+        {root + "certs/", {c.cert}},
+        {root + "private_keys/", {c.key}},
+        {root + "ca_lists/", {c.ca[0], c.ca[1]}},
+        {root + "psk_table/", {c.psk[0], c.psk[1]}},
+    };
+    for (const auto& [directory, variants] : allowed) {
+      const std::string path = directory + kNames[n];
+      struct stat st;
+      if (::stat(path.c_str(), &st) != 0) {
+        continue;  // absent is a valid outcome
+      }
+      std::string plain;
+      ASSERT_TRUE(unseal(path, &plain)) << path << " is not a sealed credential";
+      EXPECT_NE(std::find(variants.begin(), variants.end(), plain), variants.end())
+          << path << " holds " << plain.size() << " bytes that were never stored under that name";
+    }
+  }
+  // Nothing else: no stray name, no temporary file left behind.
+  for (const char* kind : {"certs/", "private_keys/", "ca_lists/", "psk_table/", "di_certs/"}) {
+    for (const auto& name : files_in(root + kind)) {
+      EXPECT_NE(std::find(kNames.begin(), kNames.end(), name), kNames.end()) << "stray file " << kind << name;
+    }
+  }
+  EXPECT_FALSE(files_in(root).count("temp")) << "the CA list's temporary file was left behind";
+
+  // What is there loads, on fresh objects.
+  for (auto& w : workers) {
+    ssl_obj_free(w.obj);
+  }
+  for (size_t n = 0; n < kNames.size(); ++n) {
+    const char* name = kNames[n].c_str();
+    ssl_obj_hdl_t obj = 0;
+    ssl_obj_hdl_t psk_obj = 0;
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &obj), 0);
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &psk_obj), 0);
+    if (Is_SSL_cert_file_exist(name, KORA_NET_SSL_CERTIFICATE_E) == KORA_OK &&
+        ::access((root + "private_keys/" + name).c_str(), F_OK) == 0) {
+      EXPECT_EQ(SSL_cert_load(obj, KORA_NET_SSL_CERTIFICATE_E, name), KORA_OK) << name;
+    }
+    if (Is_SSL_cert_file_exist(name, KORA_NET_SSL_CA_LIST_E) == KORA_OK) {
+      EXPECT_EQ(SSL_cert_load(obj, KORA_NET_SSL_CA_LIST_E, name), KORA_OK) << name;
+    }
+    if (Is_SSL_cert_file_exist(name, KORA_NET_SSL_PSK_TABLE_E) == KORA_OK) {
+      EXPECT_EQ(SSL_cert_load(psk_obj, KORA_NET_SSL_PSK_TABLE_E, name), KORA_OK) << name;
+    }
+    ssl_obj_free(obj);
+    ssl_obj_free(psk_obj);
+  }
+}
+
+}  // namespace
