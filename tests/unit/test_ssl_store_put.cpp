@@ -2,6 +2,7 @@
 // its result codes, and the lock a failed store leaves held.
 #include <chrono>
 #include <future>
+#include <tuple>
 #include <vector>
 
 #include "private_root.h"
@@ -13,33 +14,21 @@ using namespace std::chrono_literals;
 
 kora_Net_SSL_Cert_Type_t kind(int type) { return static_cast<kora_Net_SSL_Cert_Type_t>(type); }
 
-struct StoreCase {
-  const char* label;
-  int type;
-  bool priv_key;
-  std::string path;
-};
-using PutPlacementTest = StorageTable<StoreCase>;
-
-TEST_P(PutPlacementTest, SealsBytesIntoTheSelectedDirectory) {
-  const std::string bytes("cred\0bytes\xff", 11);
-  ASSERT_EQ(SSL_cert_store("dev", kind(GetParam().type), bytes.data(), 11, GetParam().priv_key), 0);
-  EXPECT_EQ(read_stored(GetParam().path), bytes);
-  EXPECT_TRUE(store_lock_is_free());
-}
-
-const std::string kKey = kStoreRoot + "private_keys/dev";
-INSTANTIATE_TEST_SUITE_P(Kinds, PutPlacementTest,
-                         ::testing::Values(StoreCase{"certificate", 1, false, kCerts + "dev"},
-                                           StoreCase{"ca_list", 2, false, kCaLists + "dev"},
-                                           StoreCase{"psk_table", 3, false, kPskTables + "dev"},
-                                           StoreCase{"di_cert", 4, false, kKindDirs[4] + "dev"},
-                                           StoreCase{"private_key", 1, true, kKey},
-                                           StoreCase{"key_of_unknown_kind", 7, true, kKey}),
-                         kCaseName);
-
-TEST_F(StorageTest, StoringOverAnExistingNameReplacesItAndKeepsBoundSessions) {
-  ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "a much longer first version", 27, false), 0);
+// Each kind into its directory, a key of any kind into private_keys; a second store replaces
+// the file and keeps the bound sessions.
+TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
+  const std::string bytes("cred\0bytes\xff", 11), key = kStoreRoot + "private_keys/dev";
+  const std::tuple<int, bool, std::string> cases[] = {{1, false, kCerts + "dev"},
+                                                      {2, false, kCaLists + "dev"},
+                                                      {3, false, kPskTables + "dev"},
+                                                      {4, false, kKindDirs[4] + "dev"},
+                                                      {1, true, key},
+                                                      {7, true, key}};
+  for (const auto& [type, priv_key, path] : cases) {
+    ASSERT_EQ(SSL_cert_store("dev", kind(type), bytes.data(), 11, priv_key), 0) << path;
+    EXPECT_EQ(read_stored(path), bytes) << type;
+    EXPECT_TRUE(store_lock_is_free());
+  }
   write_plain(kSessions + "dev_1.session");
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "v2", 2, false), 0);
   EXPECT_EQ(read_stored(kCerts + "dev"), "v2");
@@ -94,33 +83,21 @@ INSTANTIATE_TEST_SUITE_P(Removal, PutRemoveTest, ::testing::Values(
     kCaseName);
 // clang-format on
 
-struct RefusalCase {
-  const char* label;
-  const char* name;
-  int type;
-  int expected;
-  std::string message;
-};
-using PutRefusalTest = StorageTable<RefusalCase>;
-
-TEST_P(PutRefusalTest, RefusesBeforeTakingTheLock) {
-  LogCapture log;
-  EXPECT_EQ(SSL_cert_store(GetParam().name, kind(GetParam().type), "abc", 3, false), GetParam().expected);
-  ASSERT_FALSE(log.messages().empty());
-  expect_message(log.messages().back(), GetParam().message, kError);
-  EXPECT_TRUE(store_lock_is_free());
+TEST_F(StorageTest, StoreRefusesArgumentsBeforeTakingTheLock) {
+  const std::string name64(64, 'n'), path_message = "SSL_cert_store: Invalid abs path for the file name:";
+  const std::tuple<const char*, int, int, std::string> cases[] = {
+      {nullptr, 1, -2, "SSL_cert_store: Invalid EFS file name \n"},
+      {"dev", 9, -1, path_message + "dev type:9"},
+      {"dev", 0, -1, path_message + "dev type:0"},
+      {name64.c_str(), 2, -1, path_message + name64 + " type:2"}};
+  for (const auto& [name, type, expected, message] : cases) {
+    LogCapture log;
+    EXPECT_EQ(SSL_cert_store(name, kind(type), "abc", 3, false), expected) << message;
+    ASSERT_FALSE(log.messages().empty());
+    expect_message(log.messages().back(), message, kError);
+    EXPECT_TRUE(store_lock_is_free());
+  }
 }
-
-const std::string kName64(64, 'n');
-INSTANTIATE_TEST_SUITE_P(
-    Arguments, PutRefusalTest,
-    ::testing::Values(
-        RefusalCase{"null_name", nullptr, 1, -2, "SSL_cert_store: Invalid EFS file name \n"},
-        RefusalCase{"kind_9", "dev", 9, -1, "SSL_cert_store: Invalid abs path for the file name:dev type:9"},
-        RefusalCase{"kind_0", "dev", 0, -1, "SSL_cert_store: Invalid abs path for the file name:dev type:0"},
-        RefusalCase{"name_of_64", kName64.c_str(), 2, -1,
-                    "SSL_cert_store: Invalid abs path for the file name:" + kName64 + " type:2"}),
-    kCaseName);
 
 // A failed write leaves ssl_mutex held, so a store from another thread waits; a successful one
 // releases it. Runs in a child process: the waiting thread is never joined.
