@@ -1,0 +1,446 @@
+// Real faults under the store: a full file system, a read-only one, a directory replaced by
+// a file, sealed files altered or cut short, key material missing or damaged at start-up, and
+// garbage where certificates, keys, CA lists and PSK text belong. Each must end in a clear
+// error, with nothing installed on the SSL object and the other credentials untouched.
+//
+// A store that fails to write keeps ssl_mutex held (legacy behaviour), so such stores run in a
+// forked child; the files it leaves are on the same tmpfs and the parent looks at them.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "kora_certgen.h"
+#include "kora_net_ssl.h"
+#include "log_capture.h"
+#include "private_root.h"
+#include "ssl_store.h"
+#include "ssl_util.h"
+
+namespace {
+
+using kora::test::kError;
+using kora::test::kHigh;
+using kora::test::LogCapture;
+
+const std::string kSsl = "/data/data_velto/.ssl/";
+const std::string kBlob = kSsl + "keyblob/takey.blob";
+const std::string kNonce = kSsl + "keyblob/takey.nonce";
+const char* const kRootKey = "/data/km/root.key";
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+void spill(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+// Runs `body` in a forked child and returns its exit code (a store status comes back as its
+// low byte: -1 is 255).
+int in_child(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int code = body();
+    std::fflush(nullptr);
+    ::_exit(code & 0xff);
+  }
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+    return -1;
+  }
+  return WEXITSTATUS(status);
+}
+
+// Prints a row as its label rather than as raw bytes.
+template <class Row, class = decltype(Row::label)>
+std::ostream& operator<<(std::ostream& os, const Row& row) {
+  return os << row.label;
+}
+
+// Names parameterised cases after their row's label.
+struct LabelName {
+  template <class P>
+  std::string operator()(const ::testing::TestParamInfo<P>& p) const {
+    return p.param.label;
+  }
+};
+
+struct Credentials {
+  std::string cert, key, ca, psk;
+};
+
+Credentials make_credentials(const std::string& cn) {
+  kora::certgen::CertSpec spec;
+  spec.subject = {{"CN", cn}};
+  auto pair = kora::certgen::make_self_signed(spec);
+  spec.is_ca = true;
+  auto ca = kora::certgen::make_self_signed(spec);
+  const std::string psk = std::string("\xB7\x00\x00\x01\x00\x02id\x00\x04", 10) + "\x01\x02\x03\x04";
+  return {pair.cert_pem(), pair.key_pem(), ca.cert_pem(), psk};
+}
+
+class FaultTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("KORA_KM_ROOT_KEY", kRootKey, 1);
+    ::mkdir("/data/km", 0700);
+  }
+  void TearDown() override {
+    if (hdl_ != 0) {
+      ssl_obj_free(hdl_);
+    }
+  }
+
+  void start() { ASSERT_EQ(ssl_store_init(), KORA_OK); }
+  static int put(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
+                 bool key = false) {
+    return SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key);
+  }
+  static void put_all(const std::string& name, const Credentials& c) {
+    ASSERT_EQ(put(name, KORA_NET_SSL_CERTIFICATE_E, c.cert), KORA_OK);
+    ASSERT_EQ(put(name, KORA_NET_SSL_CERTIFICATE_E, c.key, true), KORA_OK);
+    ASSERT_EQ(put(name, KORA_NET_SSL_CA_LIST_E, c.ca), KORA_OK);
+    ASSERT_EQ(put(name, KORA_NET_SSL_PSK_TABLE_E, c.psk), KORA_OK);
+  }
+
+  // Loads onto a fresh SSL object, which stays available in hdl_/ctx_ until the next load.
+  int load(kora_Net_SSL_Cert_Type_t type, const std::string& name) {
+    if (hdl_ != 0) {
+      ssl_obj_free(hdl_);
+    }
+    hdl_ = 0;
+    EXPECT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ctx_ = ssl_get_obj_context(hdl_);
+    return SSL_cert_load(hdl_, type, name.c_str());
+  }
+
+  // Why something is installed on the last object, or "" when nothing is. A certificate is
+  // tolerated when `cert_may_stay` (a failed key load keeps it, as designed).
+  std::string installed(bool cert_may_stay = false) const {
+    int index = -1;
+    utility_get_ssl_ctxt(ctx_, &index);
+    if (index < 0) {
+      return "object not in the table";
+    }
+    const gbl_ssl_ctx_t& record = g_ssl_ctxt[index];
+    if (!cert_may_stay && SSL_CTX_get0_certificate(ctx_) != nullptr) return "a certificate";
+    if (SSL_CTX_get0_privatekey(ctx_) != nullptr) return "a private key";
+    if (sk_X509_OBJECT_num(X509_STORE_get0_objects(SSL_CTX_get_cert_store(ctx_))) != 0) return "CA entries";
+    if (record.psk_identify_key != nullptr) return "a PSK table";
+    if (record.cert[0] != '\0') return std::string("the name ") + record.cert;
+    if (exists(kSsl + "temp")) return "the CA list's temporary file";
+    return "";
+  }
+
+  // Every kind stored under `name` loads.
+  void expect_loads(const std::string& name) {
+    for (auto type : {KORA_NET_SSL_CERTIFICATE_E, KORA_NET_SSL_CA_LIST_E, KORA_NET_SSL_PSK_TABLE_E}) {
+      EXPECT_EQ(load(type, name), KORA_OK) << name << " of kind " << type;
+    }
+  }
+
+  ssl_obj_hdl_t hdl_ = 0;
+  SSL_CTX* ctx_ = nullptr;
+};
+
+// --- Sealed files altered on disk -------------------------------------------------------
+
+struct TamperRow {
+  const char* label;
+  kora_Net_SSL_Cert_Type_t type;
+  const char* file;
+  const char* message;  // the loader's own report, error level
+  bool cert_may_stay;
+};
+
+class TamperedFile : public FaultTest, public ::testing::WithParamInterface<TamperRow> {};
+
+TEST_P(TamperedFile, EveryFlippedByteAndEveryCutIsRefusedCleanly) {
+  const TamperRow& row = GetParam();
+  start();
+  put_all("dev", make_credentials("dev"));
+  put_all("other", make_credentials("other"));
+  const std::string path = kSsl + row.file;
+  const std::string sealed = slurp(path);
+  ASSERT_GT(sealed.size(), 16u);
+
+  std::vector<std::string> variants;
+  for (size_t i = 0; i < sealed.size(); ++i) {
+    std::string flipped = sealed;
+    flipped[i] = static_cast<char>(flipped[i] ^ 0x5a);
+    variants.push_back(flipped);
+  }
+  for (size_t length : {size_t{0}, size_t{1}, sealed.size() / 2, sealed.size() - 1}) {
+    variants.push_back(sealed.substr(0, length));
+  }
+  variants.push_back(sealed + "x");
+
+  int failures = 0;
+  for (size_t v = 0; v < variants.size() && failures < 3; ++v) {
+    spill(path, variants[v]);
+    LogCapture log;
+    const int status = load(row.type, "dev");
+    const std::string left = installed(row.cert_may_stay);
+    if (status != KORA_ERROR || !log.has(row.message, kError) || !left.empty()) {
+      ++failures;
+      ADD_FAILURE() << row.file << " variant " << v << " (" << variants[v].size() << " bytes): status "
+                    << status << ", loader message " << (log.has(row.message, kError) ? "logged" : "missing")
+                    << (left.empty() ? "" : ", installed: " + left);
+    }
+  }
+
+  spill(path, sealed);
+  expect_loads("dev");
+  expect_loads("other");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, TamperedFile,
+    ::testing::Values(TamperRow{"certificate", KORA_NET_SSL_CERTIFICATE_E, "certs/dev",
+                                "ERROR: Reading certificate info from cert loc failed!! \r\n", false},
+                      TamperRow{"private_key", KORA_NET_SSL_CERTIFICATE_E, "private_keys/dev",
+                                "ERROR: Reading private key info from cert loc failed!! \r\n", true},
+                      TamperRow{"ca_list", KORA_NET_SSL_CA_LIST_E, "ca_lists/dev",
+                                "ERROR: Reading ca_list info from cert loc failed!! \r\n", false},
+                      TamperRow{"psk_table", KORA_NET_SSL_PSK_TABLE_E, "psk_table/dev",
+                                "ERROR: Reading psk info from cert loc failed!! \r\n", false}),
+    LabelName());
+
+// --- The file system fails under the store -----------------------------------------------
+
+TEST_F(FaultTest, FullFileSystemLeavesACutFileThatIsRefusedAndOthersIntact) {
+  // A 64 KiB store: the tree, the key material and two small credentials fit; 256 KiB do not.
+  ASSERT_EQ(kora::test::mount_tmpfs("/data/data_velto", "size=64k"), "");
+  start();
+  put_all("keep", make_credentials("keep"));
+  const std::string big = make_credentials("big").ca + std::string(256 * 1024, '#');
+
+  // Short writes are not detected by the store, so the status is not the point here; what
+  // the disk holds afterwards is.
+  const int stored = in_child([&] { return put("big", KORA_NET_SSL_CA_LIST_E, big); });
+  const int replaced = in_child([&] { return put("keep", KORA_NET_SSL_PSK_TABLE_E, big); });
+  SCOPED_TRACE("child store statuses " + std::to_string(stored) + " and " + std::to_string(replaced));
+  ASSERT_NE(stored, -1) << "the child did not exit";
+
+  for (const auto& [type, name, message] :
+       {std::tuple{KORA_NET_SSL_CA_LIST_E, "big", "ERROR: Reading ca_list info from cert loc failed!! \r\n"},
+        std::tuple{KORA_NET_SSL_PSK_TABLE_E, "keep",
+                   "ERROR: Reading psk info from cert loc failed!! \r\n"}}) {
+    LogCapture log;
+    EXPECT_EQ(load(type, name), KORA_ERROR) << name;
+    EXPECT_TRUE(log.has(message, kError)) << name;
+    EXPECT_EQ(installed(), "") << name;
+  }
+  // The certificate the failed writes did not touch still loads. The CA list cannot while
+  // the disk is full: its loader needs room for a temporary copy. It fails cleanly, and
+  // loads again once the cut file is removed.
+  EXPECT_EQ(load(KORA_NET_SSL_CERTIFICATE_E, "keep"), KORA_OK);
+  LogCapture log;
+  EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_ERROR);
+  EXPECT_TRUE(log.has("CAList: Unable to retrieve the CAList\n", kHigh));
+  EXPECT_EQ(installed(), "");
+  EXPECT_EQ(SSL_cert_store("big", KORA_NET_SSL_CA_LIST_E, nullptr, 0, false), KORA_OK);
+  EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_OK);
+}
+
+TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
+  ASSERT_EQ(kora::test::mount_tmpfs("/data/data_velto", "size=1m"), "");
+  start();
+  put_all("keep", make_credentials("keep"));
+  const Credentials fresh = make_credentials("new");
+  ASSERT_EQ(kora::test::remount_read_only("/data/data_velto", true), "");
+  ASSERT_NE(::access("/data/data_velto/.ssl/certs", W_OK), 0) << "the remount did not take";
+
+  const int child = in_child([&] {
+    LogCapture log;
+    const int status = put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert);
+    const bool reported = log.has("Error in opening " + kSsl + "certs/new\n", kError) &&
+                          log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
+                          log.has("Failed to write cert file to file location\n", kError);
+    return reported ? status : 99;
+  });
+  EXPECT_EQ(child, 255) << "expected -1 with the open, seal and store messages (99: a message is missing)";
+  EXPECT_FALSE(exists(kSsl + "certs/new"));
+
+  // Removal fails as clearly, and takes nothing away.
+  LogCapture log;
+  EXPECT_EQ(SSL_cert_store("keep", KORA_NET_SSL_CA_LIST_E, nullptr, 0, false), KORA_ERROR);
+  EXPECT_TRUE(log.has("Unable to delete the file\n", kError));
+  kora_Net_SSL_Cert_List_t list{};
+  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list), 1);
+  EXPECT_STREQ(list.name[0], "keep");
+  EXPECT_EQ(load(KORA_NET_SSL_CERTIFICATE_E, "keep"), KORA_OK);
+  EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "keep"), KORA_OK);
+  // A CA list needs a writable temporary copy: on a read-only store it fails, cleanly.
+  log.clear();
+  EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_ERROR);
+  EXPECT_TRUE(log.has("SSL_ca_list_load: storing Encrypted certificate in EFS failed!\n", kError));
+  EXPECT_EQ(installed(), "");
+}
+
+TEST_F(FaultTest, DirectoryReplacedByAFileFailsItsKindOnly) {
+  start();
+  put_all("keep", make_credentials("keep"));
+  std::filesystem::remove_all(kSsl + "certs");
+  spill(kSsl + "certs", "not a directory");
+
+  const Credentials fresh = make_credentials("new");
+  EXPECT_EQ(in_child([&] { return put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert); }), 255);
+
+  LogCapture log;
+  kora_Net_SSL_Cert_List_t list{};
+  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list), KORA_ERROR);
+  EXPECT_TRUE(log.has("Opening folder failed\n", kError));
+  EXPECT_EQ(load(KORA_NET_SSL_CERTIFICATE_E, "keep"), KORA_ERROR);
+  EXPECT_TRUE(log.has("ERROR: Reading certificate info from cert loc failed!! \r\n", kError));
+  EXPECT_EQ(installed(), "");
+
+  EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_OK);
+  EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "keep"), KORA_OK);
+  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CA_LIST_E, &list), 1);
+  // A restart stops at the broken directory.
+  log.clear();
+  EXPECT_EQ(ssl_store_init(), KORA_ERROR);
+  EXPECT_TRUE(log.has("Certs directory unavailable \n", kError));
+}
+
+// --- Key material missing or damaged between two starts ---------------------------------
+
+struct KeyRow {
+  const char* label;
+  std::function<void()> damage;
+  int init_status;
+  const char* init_message;  // error level; "" when start-up reports nothing of its own
+};
+
+class DamagedKeyMaterial : public FaultTest, public ::testing::WithParamInterface<KeyRow> {};
+
+TEST_P(DamagedKeyMaterial, LaterStartRefusesOldCredentialsCleanly) {
+  const KeyRow& row = GetParam();
+  const Credentials c = make_credentials("dev");
+  // The first start runs in a child, so that this process starts afresh afterwards.
+  ASSERT_EQ(in_child([&] {
+              if (ssl_store_init() != KORA_OK) return 1;
+              put_all("dev", c);
+              return ::testing::Test::HasFailure() ? 2 : 0;
+            }),
+            0);
+  ASSERT_TRUE(exists(kBlob) && exists(kNonce));
+  row.damage();
+
+  LogCapture log;
+  EXPECT_EQ(ssl_store_init(), row.init_status);
+  if (*row.init_message != '\0') {
+    EXPECT_TRUE(log.has(row.init_message, kError)) << row.init_message;
+  }
+  for (auto type : {KORA_NET_SSL_CERTIFICATE_E, KORA_NET_SSL_CA_LIST_E, KORA_NET_SSL_PSK_TABLE_E}) {
+    EXPECT_EQ(load(type, "dev"), KORA_ERROR) << "kind " << type;
+    EXPECT_EQ(installed(), "") << "kind " << type;
+  }
+}
+
+const std::string kGarbage(48, '\x17');
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, DamagedKeyMaterial,
+    ::testing::Values(KeyRow{"nonce_missing", [] { std::remove(kNonce.c_str()); }, KORA_ERROR,
+                             "SSL_cert_store: Reading nonce from EFS failed failed!"},
+                      KeyRow{"blob_missing_makes_a_new_key", [] { std::remove(kBlob.c_str()); }, KORA_OK, ""},
+                      KeyRow{"blob_garbage", [] { spill(kBlob, kGarbage); }, KORA_OK, ""},
+                      KeyRow{"blob_cut", [] { spill(kBlob, slurp(kBlob).substr(0, 8)); }, KORA_OK, ""},
+                      KeyRow{"nonce_garbage", [] { spill(kNonce, std::string(12, '\x55')); }, KORA_OK, ""},
+                      KeyRow{"root_key_missing", [] { std::remove(kRootKey); }, KORA_OK, ""},
+                      KeyRow{"root_key_garbage", [] { spill(kRootKey, kGarbage); }, KORA_OK, ""}),
+    LabelName());
+
+// --- Garbage where credentials belong ---------------------------------------------------
+
+struct GarbageRow {
+  const char* label;
+  kora_Net_SSL_Cert_Type_t type;
+  bool garbage_key;  // certificate kind: the key is the garbage, the certificate is valid
+  std::string bytes;
+  const char* message;
+  uint32_t mask;
+};
+
+class Garbage : public FaultTest, public ::testing::WithParamInterface<GarbageRow> {};
+
+TEST_P(Garbage, IsRefusedWithItsMessageAndNothingInstalled) {
+  const GarbageRow& row = GetParam();
+  start();
+  const Credentials c = make_credentials("dev");
+  put_all("other", c);
+  if (row.type == KORA_NET_SSL_CERTIFICATE_E) {
+    ASSERT_EQ(put("dev", row.type, row.garbage_key ? c.cert : row.bytes), KORA_OK);
+    ASSERT_EQ(put("dev", row.type, row.garbage_key ? row.bytes : c.key, true), KORA_OK);
+  } else {
+    ASSERT_EQ(put("dev", row.type, row.bytes), KORA_OK);
+  }
+
+  LogCapture log;
+  EXPECT_EQ(load(row.type, "dev"), KORA_ERROR);
+  EXPECT_TRUE(log.has(row.message, row.mask)) << row.message;
+  EXPECT_EQ(installed(row.garbage_key), "");
+  expect_loads("other");
+}
+
+const std::string kFakeDer = std::string("\x30\x82\x01\x00", 4) + std::string(256, '\x02');
+
+INSTANTIATE_TEST_SUITE_P(
+    Credentials, Garbage,
+    ::testing::Values(GarbageRow{"text_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false,
+                                 "hello, not a certificate\n", "Failed to get the X509 object \n", kError},
+                      GarbageRow{"der_header_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false, kFakeDer,
+                                 "Failed to get the X509 object \n", kError},
+                      GarbageRow{"pem_armour_without_body", KORA_NET_SSL_CERTIFICATE_E, false,
+                                 "-----BEGIN CERTIFICATE-----\n@@@@\n-----END CERTIFICATE-----\n",
+                                 "Failed to get the X509 object \n", kError},
+                      GarbageRow{"text_as_key", KORA_NET_SSL_CERTIFICATE_E, true, "not a key at all",
+                                 "Failed to set the private key \n", kError},
+                      GarbageRow{"der_header_as_key", KORA_NET_SSL_CERTIFICATE_E, true, kFakeDer,
+                                 "Failed to set the private key \n", kError},
+                      GarbageRow{"text_as_ca_list", KORA_NET_SSL_CA_LIST_E, false,
+                                 "no certificates in here\n", "CAList: Unable to retrieve the CAList\n",
+                                 kHigh},
+                      GarbageRow{"binary_as_ca_list", KORA_NET_SSL_CA_LIST_E, false, kFakeDer,
+                                 "CAList: Unable to retrieve the CAList\n", kHigh}),
+    LabelName());
+
+TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
+  start();
+  char good[] = "client:00112233\n";
+  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(sizeof good - 1), reinterpret_cast<uint8_t*>(good)};
+  ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("dev")), KORA_OK);
+  const std::string before = slurp(kSsl + "psk_table/dev");
+
+  for (std::string text :
+       {std::string("\x01\x02\xff\xfe binary, no separator", 28), std::string("id:zz00\nx:11"),
+        std::string("|open bar without end:00"), std::string(":00ff")}) {
+    kora_Net_SSL_PSK_Table_t garbage{static_cast<uint32_t>(text.size()),
+                                     reinterpret_cast<uint8_t*>(text.data())};
+    EXPECT_EQ(ssl_parse_and_store_psktable(&garbage, reinterpret_cast<const uint8_t*>("dev")), KORA_ERROR)
+        << text;
+    EXPECT_EQ(slurp(kSsl + "psk_table/dev"), before) << text;
+  }
+  EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "dev"), KORA_OK);
+}
+
+}  // namespace
