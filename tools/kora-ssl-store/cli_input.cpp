@@ -45,7 +45,7 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why) {
   bytes.resize(static_cast<size_t>(st.st_size));
   const size_t got = std::fread(bytes.data(), 1, bytes.size(), f);
   const bool read_error = std::ferror(f) != 0;
-  std::fclose(f);
+  (void)std::fclose(f);
   if (read_error || got != bytes.size()) {
     OPENSSL_cleanse(bytes.data(), bytes.size());
     bytes.clear();

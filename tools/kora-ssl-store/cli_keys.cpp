@@ -35,7 +35,7 @@ int run_store_init_quietly() {
   if (diag_verbose()) {
     return ssl_store_init();
   }
-  std::fflush(stderr);
+  (void)std::fflush(stderr);
   const int saved = ::dup(STDERR_FILENO);
   const int null_fd = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (saved < 0 || null_fd < 0) {
@@ -50,7 +50,7 @@ int run_store_init_quietly() {
   ::dup2(null_fd, STDERR_FILENO);
   ::close(null_fd);
   const int status = ssl_store_init();
-  std::fflush(stderr);
+  (void)std::fflush(stderr);
   ::dup2(saved, STDERR_FILENO);
   ::close(saved);
   return status;

@@ -57,9 +57,9 @@ void sink(const msg_const_type* blk, const char* text, void* /*user*/) {
     s.last_error = line;
   }
   if (s.verbose) {
-    std::fprintf(stderr, "%s %s:%u %s\n", level_word(blk->desc.ss_mask),
-                 blk->fname != nullptr ? blk->fname : "?", static_cast<unsigned>(blk->desc.line),
-                 line.c_str());
+    (void)std::fprintf(stderr, "%s %s:%u %s\n", level_word(blk->desc.ss_mask),
+                       blk->fname != nullptr ? blk->fname : "?", static_cast<unsigned>(blk->desc.line),
+                       line.c_str());
   }
 }
 
@@ -99,7 +99,7 @@ static std::string prefix() {
 }
 
 int fail(const std::string& what) {
-  std::fprintf(stderr, "%s: %s\n", prefix().c_str(), what.c_str());
+  (void)std::fprintf(stderr, "%s: %s\n", prefix().c_str(), what.c_str());
   return kExitFailed;
 }
 
@@ -114,7 +114,7 @@ int fail_store(const std::string& what, int status) {
 
 int usage_error(const std::string& what) {
   const std::string p = prefix();
-  std::fprintf(stderr, "%s: %s (see '%s --help')\n", p.c_str(), what.c_str(), p.c_str());
+  (void)std::fprintf(stderr, "%s: %s (see '%s --help')\n", p.c_str(), what.c_str(), p.c_str());
   return kExitUsage;
 }
 

@@ -155,11 +155,11 @@ std::string verify_phrase(long verify_result) {
 }
 
 void print_conn_info(FILE* out, const ssl_conn_info_t& info, const std::string& verification) {
-  std::fprintf(out, "  protocol:      %s\n", info.protocol);
-  std::fprintf(out, "  cipher:        %s\n", info.cipher[0] != '\0' ? info.cipher : "(none)");
-  std::fprintf(out, "  peer subject:  %s\n",
-               info.peer_subject[0] != '\0' ? info.peer_subject : "(no certificate)");
-  std::fprintf(out, "  verification:  %s\n", verification.c_str());
+  (void)std::fprintf(out, "  protocol:      %s\n", info.protocol);
+  (void)std::fprintf(out, "  cipher:        %s\n", info.cipher[0] != '\0' ? info.cipher : "(none)");
+  (void)std::fprintf(out, "  peer subject:  %s\n",
+                     info.peer_subject[0] != '\0' ? info.peer_subject : "(no certificate)");
+  (void)std::fprintf(out, "  verification:  %s\n", verification.c_str());
 }
 
 }  // namespace kora::cli

@@ -403,7 +403,7 @@ int Demo::run() {
     std::printf("\nhost left as found\n");
   } else {
     for (const std::string& left : host.leftovers()) {
-      std::fprintf(stderr, "kora-ssl-store demo: could not remove %s\n", left.c_str());
+      (void)std::fprintf(stderr, "kora-ssl-store demo: could not remove %s\n", left.c_str());
     }
   }
   if (!all) {

@@ -37,9 +37,9 @@ int run_ls(const Args& args) {
       std::printf("%-4s %s\n", k->word, list.name[i]);
     }
     if (n >= 10) {
-      std::fprintf(stderr,
-                   "kora-ssl-store ls: the store lists at most 10 names per kind; more %s names may exist\n",
-                   k->word);
+      (void)std::fprintf(
+          stderr, "kora-ssl-store ls: the store lists at most 10 names per kind; more %s names may exist\n",
+          k->word);
     }
   }
   return kExitOk;

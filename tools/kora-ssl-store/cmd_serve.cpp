@@ -57,7 +57,7 @@ int run_serve(const Args& args) {
   }
   std::printf("listening on port %d with certificate '%s'%s\n", bound, args.value("--cert").c_str(),
               verify ? ", client certificates required" : "");
-  std::fflush(stdout);
+  (void)std::fflush(stdout);
 
   int failures = 0;
   for (;;) {
@@ -84,7 +84,7 @@ int run_serve(const Args& args) {
     } else {
       std::printf("client connected\n");
       print_conn_info(stdout, info, verification);
-      std::fflush(stdout);
+      (void)std::fflush(stdout);
       (void)ssl_conn_shutdown(obj.hdl());
     }
     (void)ssl_conn_close(obj.hdl());

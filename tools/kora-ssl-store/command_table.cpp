@@ -107,7 +107,7 @@ const Command* find_command(const std::string& name) {
 }
 
 void print_overview(FILE* out) {
-  std::fputs(
+  (void)std::fputs(
       "usage: kora-ssl-store [-v] COMMAND [ARGS...]\n"
       "\n"
       "The device's encrypted TLS credential store, from the command line.\n"
@@ -115,9 +115,9 @@ void print_overview(FILE* out) {
       "commands:\n",
       out);
   for (const Command& c : command_table()) {
-    std::fprintf(out, "  %-8s %s\n", c.name, c.synopsis);
+    (void)std::fprintf(out, "  %-8s %s\n", c.name, c.synopsis);
   }
-  std::fputs(
+  (void)std::fputs(
       "\n"
       "options:\n"
       "  -v, --verbose  show the store's diagnostic messages\n"

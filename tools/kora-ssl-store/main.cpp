@@ -10,7 +10,7 @@
 int main(int argc, char** argv) {
   using namespace kora::cli;
   // A peer that hangs up mid-write must give an error, not kill the tool.
-  std::signal(SIGPIPE, SIG_IGN);
+  (void)std::signal(SIGPIPE, SIG_IGN);
 
   std::vector<std::string> words(argv + 1, argv + argc);
   bool verbose = false;
@@ -32,8 +32,8 @@ int main(int argc, char** argv) {
   const std::string name = words[i];
   const Command* command = find_command(name);
   if (command == nullptr) {
-    std::fprintf(stderr, "kora-ssl-store: unknown command '%s' (see 'kora-ssl-store --help')\n",
-                 name.c_str());
+    (void)std::fprintf(stderr, "kora-ssl-store: unknown command '%s' (see 'kora-ssl-store --help')\n",
+                       name.c_str());
     return kExitUsage;
   }
   report_set_command(name);
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     return usage_error(why);
   }
   if (args.help) {
-    std::fputs(command->usage, stdout);
+    (void)std::fputs(command->usage, stdout);
     return kExitOk;
   }
   args.verbose = args.verbose || verbose;
