@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -373,6 +375,72 @@ TEST_F(CliHandshake, WrongCaIsRefusedWithTheVerificationReason) {
   EXPECT_EQ(server_.code, 1);
 }
 
+// Our side is the PSK client; the openssl tool is the server and knows the first identity.
+struct PskVersion {
+  const char* cli_flag;
+  const char* server_flag;
+  const char* protocol;
+};
+
+void PrintTo(const PskVersion& v, std::ostream* os) { *os << v.protocol; }
+
+class CliPsk : public CliTest, public ::testing::WithParamInterface<PskVersion> {};
+
+TEST_P(CliPsk, ConnectsWithAStoredTableToAPlainPskServer) {
+  init();
+  make_pki();
+  ASSERT_EQ(cli({"put", "psk", "lab", "/data/in/psk.txt"}).code, 0);
+  const std::string port = std::to_string(free_port());
+  std::vector<std::string> sargs = {"openssl",           "s_server", "-accept",
+                                    "127.0.0.1:" + port, "-naccept", "1",
+                                    "-nocert",           "-psk",     "00112233445566778899aabbccddeeff",
+                                    "-psk_identity",     "dev1",     GetParam().server_flag};
+  std::vector<char*> argv;
+  for (std::string& a : sargs) {
+    argv.push_back(a.data());
+  }
+  argv.push_back(nullptr);
+  // The server's stdin stays open until the end: at end of input it would drop the client.
+  int input[2];
+  ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_adddup2(&fa, input[0], 0);
+  posix_spawn_file_actions_addopen(&fa, 1, "/data/s_server.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+  pid_t server = -1;
+  ASSERT_EQ(posix_spawnp(&server, "openssl", &fa, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&fa);
+  for (int i = 0; i < 250 && slurp("/data/s_server.out").find("ACCEPT") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const CliRun r = cli({"connect", "127.0.0.1:" + port, "--psk", "lab", GetParam().cli_flag});
+  ::kill(server, SIGTERM);
+  int status = 0;
+  waitpid(server, &status, 0);
+  ::close(input[0]);
+  ::close(input[1]);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find(std::string("protocol:      ") + GetParam().protocol), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("verification:  not applicable (PSK)"), std::string::npos) << r.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, CliPsk,
+                         ::testing::Values(PskVersion{"--tls1.2", "-tls1_2", "TLSv1.2"},
+                                           PskVersion{"--tls1.3", "-tls1_3", "TLSv1.3"}));
+
+TEST_F(CliTest, ListingStopsAtTenNamesAndSaysSo) {
+  init();
+  make_pki();
+  for (int i = 0; i < 11; ++i) {
+    ASSERT_EQ(cli({"put", "ca", "ca" + std::to_string(i), "/data/in/ca.pem"}).code, 0);
+  }
+  const CliRun r = cli({"ls", "ca"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 10) << r.out;
+  EXPECT_NE(r.err.find("at most 10 names per kind"), std::string::npos) << r.err;
+}
+
 // ---------------------------------------------------------------------------------------
 // A tampered sealed file: a clear error naming the credential, and nothing loaded.
 
@@ -450,6 +518,14 @@ TEST_F(CliTest, DemoOnAMissingDataRootCreatesAndRemovesIt) {
   EXPECT_FALSE(exists("/data/data_velto"));
   // No root key existed, so the demo used a temporary one and kept none.
   EXPECT_FALSE(exists("/data/km/root.key"));
+}
+
+TEST_F(CliTest, DemoOnAnEmptyDataRootRemovesTheTreeAndKeyMaterialItMade) {
+  const CliRun r = cli({"demo"});
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_TRUE(exists("/data/data_velto"));
+  const std::vector<std::string> left = tree("/data/data_velto");  // the root itself only
+  EXPECT_EQ(left.size(), 1u) << ::testing::PrintToString(left);
 }
 
 TEST_F(CliTest, DemoOnAnExistingStoreTouchesOnlyItsOwnNames) {
