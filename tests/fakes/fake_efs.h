@@ -1,8 +1,8 @@
-// Substitute flash file service: real files, with a put that can be made to fail, and a
-// record of every call's arguments.
+// Substitute flash file service: real files, a put that can be made to fail, and a record of
+// the calls.
 #pragma once
 
-#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,17 +10,13 @@ namespace kora::fake_efs {
 
 struct PutCall {
   std::string path;
-  std::vector<uint8_t> data;
   int oflag;
   int mode;
 };
 
-void reset();
-// The n-th efs_put from now (1 = the next one) returns -1 without touching the file.
-void fail_put_on_call(int n);
-// efs_stat returns `rc` from now on whatever the file system holds.
-void force_stat(int rc);
-const std::vector<PutCall>& puts();
-const std::vector<std::string>& stats();
+extern int fail_put_on_call;        // the n-th efs_put from now (1 = the next) returns -1
+extern std::optional<int> stat_rc;  // when set, efs_stat returns it whatever is on disk
+extern int stat_calls;
+extern std::vector<PutCall> puts;
 
 }  // namespace kora::fake_efs

@@ -1,6 +1,6 @@
 // Substitute key service for failure injection: compiled into a test program, its C symbols
-// take the place of the host key service. Sealing is a reversible marker transform, not
-// cryptography; it only has to round-trip and to notice foreign input.
+// take the place of the host key service. Sealing puts the marker "FKSL" in front of the
+// bytes, not cryptography; unsealing refuses input without it.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +24,6 @@ enum class Crypt {
   kEmptyOutput,     // returns 0 with a heap buffer in *out and *out_len 0
 };
 
-// Every argument of one encrypt/decrypt call, with a copy of the input bytes.
 struct CryptCall {
   const uint8_t* keyblob;
   size_t keyblob_len;
@@ -34,18 +33,14 @@ struct CryptCall {
   void** out;
   size_t* out_len;
   int direction;
-  std::vector<uint8_t> input;
 };
 
 inline constexpr size_t kBlobLength = 32;
-inline constexpr size_t kSealOverhead = 4;  // the marker put in front of sealed bytes
 
-void reset();
-void set_generate(Generate mode);
-void set_seal(Crypt mode);
-void set_unseal(Crypt mode);
-
-int generate_calls();
-const std::vector<CryptCall>& crypt_calls();
+extern Generate generate;
+extern Crypt seal;
+extern Crypt unseal;
+extern int generate_calls;
+extern std::vector<CryptCall> crypt_calls;
 
 }  // namespace kora::fake_km

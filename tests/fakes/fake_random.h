@@ -6,10 +6,7 @@
 
 namespace kora::fake_random {
 
-void reset();
-// The next call returns `rc` (non-zero) without filling the buffer.
-void fail_next(int rc);
-// The length argument of every call.
-const std::vector<uint16_t>& calls();
+extern int fail_next_rc;               // non-zero: the next call returns it, buffer unfilled
+extern std::vector<uint16_t> lengths;  // the length argument of every call
 
 }  // namespace kora::fake_random

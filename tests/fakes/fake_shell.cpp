@@ -5,23 +5,11 @@
 #include "ds_system.h"
 
 namespace kora::fake_shell {
-namespace {
-
-std::vector<Call>& recorded() {
-  static std::vector<Call> calls;
-  return calls;
-}
-
-}  // namespace
-
-void reset() { recorded().clear(); }
-const std::vector<Call>& calls() { return recorded(); }
-
+std::vector<std::pair<std::string, size_t>> calls;
 }  // namespace kora::fake_shell
 
 extern "C" int ds_system_call(const char* command, size_t length) {
-  kora::fake_shell::recorded().push_back({command, length});
+  kora::fake_shell::calls.emplace_back(command, length);
   // Quiet: an existing directory makes mkdir complain, harmlessly.
-  const std::string line = std::string(command) + " 2>/dev/null";
-  return std::system(line.c_str());
+  return std::system((std::string(command) + " 2>/dev/null").c_str());
 }

@@ -1,19 +1,14 @@
-// Substitute shell command service: records every command and its length, then runs it
+// Substitute shell command service: records every command with its length, then runs it
 // through /bin/sh as the host service does.
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kora::fake_shell {
 
-struct Call {
-  std::string command;
-  size_t length;
-};
-
-void reset();
-const std::vector<Call>& calls();
+extern std::vector<std::pair<std::string, size_t>> calls;
 
 }  // namespace kora::fake_shell

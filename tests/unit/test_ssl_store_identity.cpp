@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "fake_mutex_calls.h"
 #include "kora_certgen.h"
@@ -47,40 +49,27 @@ TEST_P(Identifier, FollowsTheRules) {
   EXPECT_EQ(log.has(kGot, kHigh), row.alt_names_searched);
 }
 
+IdRow I(const char* label, Subject subject, std::vector<certgen::AltName> alt, bool empty_alt, int status,
+        int type, std::string name, bool alt_names_searched) {
+  return {label, std::move(subject), std::move(alt),    empty_alt, status,
+          type,  std::move(name),    alt_names_searched};
+}
+
 const std::string kNul("a\0b", 3);
 INSTANTIATE_TEST_SUITE_P(
     Rows, Identifier,
     ::testing::Values(
-        IdRow{"CleanCnWinsOverDns", {{"CN", "dev"}}, {{GEN_DNS, "dns.test"}}, false, 0, 1, "dev", false},
-        IdRow{"FirstOfTwoCns", {{"CN", "first"}, {"CN", "second"}}, {}, false, 0, 1, "first", false},
-        IdRow{"CnCutTo63", {{"CN", std::string(64, 'c')}}, {}, false, 0, 1, std::string(63, 'c'), false},
-        IdRow{"CnWithNulFallsToDns", {{"CN", kNul}}, {{GEN_DNS, "dns.test"}}, false, 0, 2, "dns.test", true},
-        IdRow{"NoCnNoSanExtension", {{"O", "org"}}, {}, false, -1, 0, "", true},
-        IdRow{"NoCnEmptySan", {}, {}, true, 0, 0, "", true},
-        IdRow{"EmailThenUri",
-              {},
-              {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:dev:1"}},
-              false,
-              0,
-              4,
-              "urn:dev:1",
-              true},
-        IdRow{"DnsWithNulBeforeCleanUri",
-              {},
-              {{GEN_DNS, kNul}, {GEN_URI, "urn:dev:1"}},
-              false,
-              -1,
-              0,
-              "",
-              true},
-        IdRow{"NoDnsOrUri",
-              {},
-              {{GEN_EMAIL, "a@b.test"}, {GEN_IPADD, std::string("\x0a\x00\x00\x01", 4)}},
-              false,
-              0,
-              0,
-              "",
-              true}),
+        I("CleanCnWinsOverDns", {{"CN", "dev"}}, {{GEN_DNS, "dns.test"}}, false, 0, 1, "dev", false),
+        I("FirstOfTwoCns", {{"CN", "first"}, {"CN", "second"}}, {}, false, 0, 1, "first", false),
+        I("CnCutTo63", {{"CN", std::string(64, 'c')}}, {}, false, 0, 1, std::string(63, 'c'), false),
+        I("CnWithNulFallsToDns", {{"CN", kNul}}, {{GEN_DNS, "dns.test"}}, false, 0, 2, "dns.test", true),
+        I("NoCnNoSanExtension", {{"O", "org"}}, {}, false, -1, 0, "", true),
+        I("NoCnEmptySan", {}, {}, true, 0, 0, "", true),
+        I("EmailThenUri", {}, {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:dev:1"}}, false, 0, 4, "urn:dev:1",
+          true),
+        I("DnsWithNulBeforeCleanUri", {}, {{GEN_DNS, kNul}, {GEN_URI, "urn:dev:1"}}, false, -1, 0, "", true),
+        I("NoDnsOrUri", {}, {{GEN_EMAIL, "a@b.test"}, {GEN_IPADD, std::string("\x0a\x00\x00\x01", 4)}}, false,
+          0, 0, "", true)),
     LabelName());
 
 enum class Arg { kOk, kZeroHandle, kNullRef, kNullName, kUnknownHandle };
@@ -137,53 +126,32 @@ TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   EXPECT_EQ(attached != nullptr && X509_cmp(attached, cred.cert.get()) == 0, row.attached);
 }
 
+EntryRow E(const char* label, Arg arg, const char* name, File file, int status, std::string text, int locks,
+           std::vector<int> unlocks, bool attached) {
+  return {label, arg, name, file, status, std::move(text), locks, std::move(unlocks), attached};
+}
+
 const std::string k64(64, 'n');
 const char* const kBadArgs =
     "SSL_cert_load_get_identifier: Invalid EFS file name or Idenitifer or SSL handle is NULL\n";
 INSTANTIATE_TEST_SUITE_P(
     Rows, Entry,
     ::testing::Values(
-        EntryRow{"ZeroHandle", Arg::kZeroHandle, "di", File::kPem, -2, kBadArgs, 0, {}, false},
-        EntryRow{"NullRef", Arg::kNullRef, "di", File::kPem, -2, kBadArgs, 0, {}, false},
-        EntryRow{"NullName", Arg::kNullName, "di", File::kPem, -2, kBadArgs, 0, {}, false},
-        EntryRow{"UnknownHandle",
-                 Arg::kUnknownHandle,
-                 "di",
-                 File::kPem,
-                 -2,
-                 "SSL_cert_load_get_identifier: Invalid SSL handle or already have a valid connection\n",
-                 1,
-                 {0},
-                 false},
-        EntryRow{"Name64",
-                 Arg::kOk,
-                 k64.c_str(),
-                 File::kPem,
-                 -1,
-                 "SSL_cert_load_get_identifier:Invalid abs path for the file name:" + k64 + " type:4",
-                 1,
-                 {0},
-                 false},
-        EntryRow{"MissingFileReleasesTwice",
-                 Arg::kOk,
-                 "di",
-                 File::kMissing,
-                 -1,
-                 "ERROR: Reading DI cert info from cert loc failed!! \r\n",
-                 1,
-                 {0, 1},
-                 false},
-        EntryRow{"NotACertificate",
-                 Arg::kOk,
-                 "di",
-                 File::kGarbage,
-                 -1,
-                 "Failed to get the X509 object \n",
-                 1,
-                 {0},
-                 false},
-        EntryRow{"NoIdentifierStillAttached", Arg::kOk, "di", File::kDerNoSan, -1, "", 1, {0}, true},
-        EntryRow{"PemWithCn", Arg::kOk, "di", File::kPem, 0, "", 1, {0}, true}),
+        E("ZeroHandle", Arg::kZeroHandle, "di", File::kPem, -2, kBadArgs, 0, {}, false),
+        E("NullRef", Arg::kNullRef, "di", File::kPem, -2, kBadArgs, 0, {}, false),
+        E("NullName", Arg::kNullName, "di", File::kPem, -2, kBadArgs, 0, {}, false),
+        E("UnknownHandle", Arg::kUnknownHandle, "di", File::kPem, -2,
+          "SSL_cert_load_get_identifier: Invalid SSL handle or already have a valid connection\n", 1, {0},
+          false),
+        E("Name64", Arg::kOk, k64.c_str(), File::kPem, -1,
+          "SSL_cert_load_get_identifier:Invalid abs path for the file name:" + k64 + " type:4", 1, {0},
+          false),
+        E("MissingFileReleasesTwice", Arg::kOk, "di", File::kMissing, -1,
+          "ERROR: Reading DI cert info from cert loc failed!! \r\n", 1, {0, 1}, false),
+        E("NotACertificate", Arg::kOk, "di", File::kGarbage, -1, "Failed to get the X509 object \n", 1, {0},
+          false),
+        E("NoIdentifierStillAttached", Arg::kOk, "di", File::kDerNoSan, -1, "", 1, {0}, true),
+        E("PemWithCn", Arg::kOk, "di", File::kPem, 0, "", 1, {0}, true)),
     LabelName());
 
 // The second certificate takes index 1; the first is not freed here (the object layer owns it).

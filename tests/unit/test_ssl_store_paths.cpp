@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,7 +16,10 @@ using kora::test::LogCapture;
 
 const std::string k63(63, 'n');
 const std::string k64(64, 'n');
-constexpr char kUntouched[] = "untouched";
+const std::string kCerts = "/data/data_velto/.ssl/certs/";
+const std::string kKeys = "/data/data_velto/.ssl/private_keys/";
+
+void touch(const std::string& path) { std::fclose(std::fopen(path.c_str(), "w")); }
 
 struct PathCase {
   const char* what;
@@ -24,8 +28,8 @@ struct PathCase {
   int max_len;
   bool key;
   int rc;
-  std::string path;     // expected result, or kUntouched
-  std::string message;  // the one message logged, or empty
+  std::string path;     // the result; empty when the buffer must stay as it was
+  const char* message;  // the one message logged, at `mask`, or null
   uint32_t mask;
 };
 
@@ -37,10 +41,10 @@ TEST_P(CertPath, ResolvesOrRefuses) {
   char buffer[512] = "untouched";
   EXPECT_EQ(c.rc, SSL_cert_get_abs_path(c.name.c_str(), static_cast<kora_Net_SSL_Cert_Type_t>(c.type), buffer,
                                         c.max_len, c.key));
-  EXPECT_EQ(c.path, buffer);
+  EXPECT_EQ(c.path.empty() ? "untouched" : c.path, buffer);
   const auto messages = log.messages();
-  ASSERT_EQ(c.message.empty() ? 0u : 1u, messages.size());
-  if (!c.message.empty()) {
+  ASSERT_EQ(c.message != nullptr ? 1u : 0u, messages.size());
+  if (c.message != nullptr) {  // the site descriptor as well as the text and level
     EXPECT_EQ(c.message, messages[0].text);
     EXPECT_EQ(c.mask, messages[0].mask);
     EXPECT_EQ(65, messages[0].ss_id);
@@ -49,24 +53,25 @@ TEST_P(CertPath, ResolvesOrRefuses) {
   }
 }
 
+const char* const kLength = "Invalid EFS length";
+const char* const kType = "SSL_cert_get_abs_path: Invalid type\n";
 INSTANTIATE_TEST_SUITE_P(
     Table, CertPath,
-    testing::Values(
-        PathCase{"max63", k63, 1, 92, false, 0, "/data/data_velto/.ssl/certs/" + k63, "", 0},
-        PathCase{"max63short", k63, 1, 91, false, -1, kUntouched, "Invalid EFS length", kError},
-        PathCase{"name64", k64, 1, 512, false, -1, kUntouched, "Invalid EFS length", kError},
-        PathCase{"empty", "", 1, 512, false, 0, "/data/data_velto/.ssl/certs/", "", 0},
-        PathCase{"ca", "x", 2, 512, false, 0, "/data/data_velto/.ssl/ca_lists/x", "", 0},
-        PathCase{"psk", "x", 3, 512, false, 0, "/data/data_velto/.ssl/psk_table/x", "", 0},
-        PathCase{"di", "x", 4, 512, false, 0, "/data/data_velto/.ssl/di_certs/x", "", 0},
-        PathCase{"keyType0", "k", 0, 512, true, 0, "/data/data_velto/.ssl/private_keys/k", "", 0},
-        PathCase{"keyType7", "k", 7, 512, true, 0, "/data/data_velto/.ssl/private_keys/k", "", 0},
-        PathCase{"key63", k63, 1, 99, true, 0, "/data/data_velto/.ssl/private_keys/" + k63, "", 0},
-        PathCase{"key63short", k63, 1, 98, true, -1, kUntouched, "Invalid EFS length", kError},
-        PathCase{"type0", "x", 0, 512, false, -2, kUntouched, "SSL_cert_get_abs_path: Invalid type\n", kHigh},
-        PathCase{"type5", "x", 5, 512, false, -2, kUntouched, "SSL_cert_get_abs_path: Invalid type\n", kHigh},
-        PathCase{"maxZero", "", 1, 0, false, -1, kUntouched, "Invalid EFS length", kError},
-        PathCase{"maxNegative", "", 1, -5, false, -1, kUntouched, "Invalid EFS length", kError}),
+    testing::Values(PathCase{"max63", k63, 1, 92, false, 0, kCerts + k63, nullptr, 0},
+                    PathCase{"max63short", k63, 1, 91, false, -1, "", kLength, kError},
+                    PathCase{"name64", k64, 1, 512, false, -1, "", kLength, kError},
+                    PathCase{"empty", "", 1, 512, false, 0, kCerts, nullptr, 0},
+                    PathCase{"ca", "x", 2, 512, false, 0, "/data/data_velto/.ssl/ca_lists/x", nullptr, 0},
+                    PathCase{"psk", "x", 3, 512, false, 0, "/data/data_velto/.ssl/psk_table/x", nullptr, 0},
+                    PathCase{"di", "x", 4, 512, false, 0, "/data/data_velto/.ssl/di_certs/x", nullptr, 0},
+                    PathCase{"keyType0", "k", 0, 512, true, 0, kKeys + "k", nullptr, 0},
+                    PathCase{"keyType7", "k", 7, 512, true, 0, kKeys + "k", nullptr, 0},
+                    PathCase{"key63", k63, 1, 99, true, 0, kKeys + k63, nullptr, 0},
+                    PathCase{"key63short", k63, 1, 98, true, -1, "", kLength, kError},
+                    PathCase{"type0", "x", 0, 512, false, -2, "", kType, kHigh},
+                    PathCase{"type5", "x", 5, 512, false, -2, "", kType, kHigh},
+                    PathCase{"maxZero", "", 1, 0, false, -1, "", kLength, kError},
+                    PathCase{"maxNegative", "", 1, -5, false, -1, "", kLength, kError}),
     [](const testing::TestParamInfo<PathCase>& p) { return std::string(p.param.what); });
 
 TEST(CertPathNull, NullNameOrBufferIsInvalidParam) {
@@ -103,22 +108,15 @@ TEST(FileExists, OpensForReadingOnly) {
   log.clear();
   EXPECT_EQ(0, fileExists("/data/data_velto/dangling"));
   EXPECT_TRUE(log.messages().empty());
-  std::FILE* f = std::fopen("/data/data_velto/present", "w");
-  ASSERT_NE(nullptr, f);
-  std::fclose(f);
+  touch("/data/data_velto/present");
   EXPECT_EQ(1, fileExists("/data/data_velto/present"));
   EXPECT_TRUE(log.has("Successfully opened the file in read mode\n", kHigh));
 }
 
 TEST(CertFileExist, ReportsEveryFailureAsMinusOne) {
-  ASSERT_EQ(0, mkdir("/data/data_velto/.ssl", 0755));
-  ASSERT_EQ(0, mkdir("/data/data_velto/.ssl/certs", 0755));
-  ASSERT_EQ(0, mkdir("/data/data_velto/.ssl/private_keys", 0755));
-  for (const char* path : {"/data/data_velto/.ssl/certs/dev", "/data/data_velto/.ssl/private_keys/keyonly"}) {
-    std::FILE* f = std::fopen(path, "w");
-    ASSERT_NE(nullptr, f);
-    std::fclose(f);
-  }
+  ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/private_keys"));
+  touch(kCerts + "dev");
+  touch(kKeys + "keyonly");
   LogCapture log;
   EXPECT_EQ(0, Is_SSL_cert_file_exist("dev", KORA_NET_SSL_CERTIFICATE_E));
   EXPECT_EQ(-2, Is_SSL_cert_file_exist(nullptr, KORA_NET_SSL_CERTIFICATE_E));

@@ -3,6 +3,8 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "loading_fixture.h"
 #include "log_capture.h"
@@ -31,10 +33,11 @@ class PskTest : public LoadingTest {
 };
 
 const std::string kKey256(256, 'K');
+using Table = std::vector<std::pair<std::string, std::string>>;
 
 struct WalkRow {
   const char* label;
-  std::vector<std::pair<std::string, std::string>> table;
+  Table table;
   const char* hint;
   unsigned max_id, max_psk;
   unsigned result;
@@ -58,71 +61,36 @@ TEST_P(Walk, ChoosesEntryAndLogs) {
   EXPECT_EQ(log.texts(), row.logs);
 }
 
+WalkRow W(const char* label, Table table, const char* hint, unsigned max_id, unsigned max_psk,
+          unsigned result, std::string identity, std::string key, std::vector<std::string> logs) {
+  return {label,  std::move(table),    hint,           max_id,         max_psk,
+          result, std::move(identity), std::move(key), std::move(logs)};
+}
+
 const char* const kNullHint = "NULL received PSK identity hint, continuing anyway\n";
 INSTANTIATE_TEST_SUITE_P(
     Rows, Walk,
     ::testing::Values(
-        WalkRow{"NullHintTakesFirstThatFits",
-                {{"longer-id", "k1"}, {"id2", "k2"}, {"id3", "k3"}},
-                nullptr,
-                4,
-                64,
-                2,
-                "id2",
-                "k2",
-                {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
-                 "created identity 'id2'\n"}},
-        WalkRow{"HintMatchesSecond",
-                {{"a", "k1"}, {"bb", "k2"}},
-                "bb",
-                16,
-                64,
-                2,
-                "bb",
-                "k2",
-                {"Received PSK identity hint 'bb'\n", "created identity 'bb'\n"}},
-        WalkRow{"MatchingButTooLongIsSkipped",
-                {{"abcdef", "k1"}},
-                "abcdef",
-                4,
-                64,
-                0,
-                "",
-                "",
-                {"Received PSK identity hint 'abcdef'\n",
-                 "Max identify size from openssl:4 > identify size of UE:6, can't use"}},
-        WalkRow{"HintPrefixDoesNotMatch",
-                {{"abc", "k1"}},
-                "ab",
-                16,
-                64,
-                0,
-                "",
-                "",
-                {"Received PSK identity hint 'ab'\n"}},
-        WalkRow{"EmptyTable", {}, "x", 16, 64, 0, "", "", {"Received PSK identity hint 'x'\n"}},
-        WalkRow{"KeyFillingRoomAccepted",
-                {{"id", kKey256}},
-                nullptr,
-                16,
-                256,
-                256,
-                "id",
-                kKey256,
-                {kNullHint, "created identity 'id'\n"}},
+        W("NullHintTakesFirstThatFits", {{"longer-id", "k1"}, {"id2", "k2"}, {"id3", "k3"}}, nullptr, 4, 64,
+          2, "id2", "k2",
+          {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
+           "created identity 'id2'\n"}),
+        W("HintMatchesSecond", {{"a", "k1"}, {"bb", "k2"}}, "bb", 16, 64, 2, "bb", "k2",
+          {"Received PSK identity hint 'bb'\n", "created identity 'bb'\n"}),
+        W("MatchingButTooLongIsSkipped", {{"abcdef", "k1"}}, "abcdef", 4, 64, 0, "", "",
+          {"Received PSK identity hint 'abcdef'\n",
+           "Max identify size from openssl:4 > identify size of UE:6, can't use"}),
+        W("HintPrefixDoesNotMatch", {{"abc", "k1"}}, "ab", 16, 64, 0, "", "",
+          {"Received PSK identity hint 'ab'\n"}),
+        W("EmptyTable", {}, "x", 16, 64, 0, "", "", {"Received PSK identity hint 'x'\n"}),
+        W("KeyFillingRoomAccepted", {{"id", kKey256}}, nullptr, 16, 256, 256, "id", kKey256,
+          {kNullHint, "created identity 'id'\n"}),
         // After a key too big for the room the cursor stays on its length field: the next
         // pass reads 00 05 as an identity length, the key bytes as identity, and the next
         // entry's identity length (00 02) and identity as the key.
-        WalkRow{"MisalignedWalkAfterTooBigKey",
-                {{"a", "ABCDE"}, {"bb", "k2"}},
-                nullptr,
-                16,
-                4,
-                2,
-                "ABCDE",
-                "bb",
-                {kNullHint, "created identity 'a'\n",
-                 "Max key size from openssl:4 > key size of UE:5, can't use", "created identity 'ABCDE'\n"}}),
+        W("MisalignedWalkAfterTooBigKey", {{"a", "ABCDE"}, {"bb", "k2"}}, nullptr, 16, 4, 2, "ABCDE", "bb",
+          {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
+           "created identity 'ABCDE'\n"})),
     LabelName());
 
 TEST_F(PskTest, CallbackRefusesMissingArgumentsAndTable) {

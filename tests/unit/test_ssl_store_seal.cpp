@@ -19,18 +19,15 @@ using kora::test::kError;
 using kora::test::LogCapture;
 using Bytes = std::vector<uint8_t>;
 
-const std::string kPath = "/data/data_velto/.ssl/certs/dev";
+const char* const kPath = "/data/data_velto/.ssl/certs/dev";
 
-Bytes file_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+Bytes file_bytes() {
+  std::ifstream in(kPath, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
-
-void put(const std::string& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+void put(const Bytes& bytes) {
+  std::ofstream(kPath, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
-
 Bytes pattern(size_t n) {
   Bytes out(n);
   for (size_t i = 0; i < n; ++i) {
@@ -38,12 +35,15 @@ Bytes pattern(size_t n) {
   }
   return out;
 }
+int seal(const Bytes& plain) {
+  return ssl_store_cert_write_encrypt_to_file(kPath, plain.data(), plain.size());
+}
 
-// -1 on failure, else the plain bytes through out.
-int unseal(const std::string& path, Bytes* out) {
+// -1 on failure (the outputs must then be cleared), else the plain bytes through out.
+int unseal(Bytes* out) {
   void* buffer = nullptr;
   size_t size = 0;
-  const int rc = ssl_store_cert_read_decrypt_from_file(path.c_str(), &buffer, &size);
+  const int rc = ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size);
   if (rc == 0) {
     *out = Bytes(static_cast<uint8_t*>(buffer), static_cast<uint8_t*>(buffer) + size);
   } else if (buffer != nullptr || size != 0) {
@@ -62,37 +62,30 @@ class Sealed : public testing::Test {
   }
 };
 
-TEST_F(Sealed, RoundTripsEverySize) {
+TEST_F(Sealed, RoundTripsEverySizeAndSealsAfresh) {
   for (size_t n : {1u, 12u, 16u, 17u, 4096u, 65536u}) {
-    const Bytes plain = pattern(n);
-    ASSERT_EQ(0, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), plain.data(), plain.size())) << n;
+    ASSERT_EQ(0, seal(pattern(n))) << n;
     Bytes back;
-    ASSERT_EQ(0, unseal(kPath, &back)) << n;
-    EXPECT_EQ(plain, back);
+    ASSERT_EQ(0, unseal(&back)) << n;
+    EXPECT_EQ(pattern(n), back);
   }
-}
-
-TEST_F(Sealed, SamePlaintextSealsDifferently) {
-  const Bytes plain = pattern(64);
-  ASSERT_EQ(0, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), plain.data(), plain.size()));
-  const Bytes first = file_bytes(kPath);
-  ASSERT_EQ(0, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), plain.data(), plain.size()));
-  EXPECT_NE(first, file_bytes(kPath));
+  const Bytes first = file_bytes();
+  ASSERT_EQ(0, seal(pattern(65536)));
+  EXPECT_NE(first, file_bytes()) << "same plaintext sealed to the same bytes";
 }
 
 TEST_F(Sealed, EveryAlteredOrTruncatedFileIsRefused) {
-  const Bytes plain = pattern(20);
-  ASSERT_EQ(0, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), plain.data(), plain.size()));
-  const Bytes sealed = file_bytes(kPath);
+  ASSERT_EQ(0, seal(pattern(20)));
+  const Bytes sealed = file_bytes();
   LogCapture log;
   Bytes ignored;
   for (size_t i = 0; i < sealed.size(); ++i) {
     Bytes altered = sealed;
     altered[i] ^= 0x01;
-    put(kPath, altered);
-    EXPECT_EQ(-1, unseal(kPath, &ignored)) << "byte " << i;
-    put(kPath, Bytes(sealed.begin(), sealed.begin() + static_cast<long>(i)));
-    EXPECT_EQ(-1, unseal(kPath, &ignored)) << "length " << i;
+    put(altered);
+    EXPECT_EQ(-1, unseal(&ignored)) << "byte " << i;
+    put(Bytes(sealed.begin(), sealed.begin() + static_cast<long>(i)));
+    EXPECT_EQ(-1, unseal(&ignored)) << "length " << i;
   }
   // One refusal per altered byte and per non-empty truncation; the empty file is a read failure.
   EXPECT_EQ(2 * sealed.size() - 1,
@@ -103,8 +96,7 @@ TEST_F(Sealed, EveryAlteredOrTruncatedFileIsRefused) {
 // A store provisioned by one process is read back by the next one: the child starts with
 // empty key material as a fresh process does and loads it from the tree.
 TEST_F(Sealed, NextProcessReadsBackItsFiles) {
-  const Bytes plain = pattern(300);
-  ASSERT_EQ(0, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), plain.data(), plain.size()));
+  ASSERT_EQ(0, seal(pattern(300)));
   const Bytes blob(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len);
   const pid_t pid = fork();
   if (pid == 0) {
@@ -113,7 +105,7 @@ TEST_F(Sealed, NextProcessReadsBackItsFiles) {
     gp_ta_nonceBuf = nullptr;
     Bytes back;
     const bool ok = ssl_store_init() == 0 && blob == Bytes(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len) &&
-                    unseal(kPath, &back) == 0 && back == plain;
+                    unseal(&back) == 0 && back == pattern(300);
     _exit(ok ? 0 : 1);
   }
   int status = 0;

@@ -19,17 +19,15 @@ using kora::fake_km::Crypt;
 using kora::test::kError;
 using kora::test::LogCapture;
 
-const std::string kPath = "/data/data_velto/.ssl/certs/dev";
+const char* const kPath = "/data/data_velto/.ssl/certs/dev";
+const std::string kPlain = "-----plain credential-----";
 const std::string kEmpty = "SSL_cert_store:  Certificate decryption buffer is empty !\n";
 const std::string kReadFailed = "ssl_store_cert_read_decrypt_from_file: Reading from EFS failed failed! \n";
-const std::string kPlain = "-----plain credential-----";
+const std::string kDecrypt = "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n";
+const std::string kEncrypt = "ssl_store_cert_write_encrypt_to_file: Certificate encrypt error \n";
+const std::string kNoBlob = "SSL_cert_store: Key blob is not available !";
 
-std::string file_text(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool exists(const char* path) { return access(path, F_OK) == 0; }
 
 class SealFaults : public testing::Test {
  protected:
@@ -37,7 +35,9 @@ class SealFaults : public testing::Test {
     ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/keyblob"));
   }
   void provision() { ASSERT_EQ(0, ssl_store_generate_keyblob_store_in_securefs_file()); }
-  int seal() { return ssl_store_cert_write_encrypt_to_file(kPath.c_str(), kPlain.data(), kPlain.size()); }
+  int seal(const char* path = kPath) {
+    return ssl_store_cert_write_encrypt_to_file(path, kPlain.data(), kPlain.size());
+  }
 };
 
 TEST_F(SealFaults, WithoutKeyMaterialNothingIsTouched) {
@@ -47,24 +47,24 @@ TEST_F(SealFaults, WithoutKeyMaterialNothingIsTouched) {
   std::ofstream(kPath) << "x";
   void* buffer = &log;
   size_t size = 5;
-  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath.c_str(), &buffer, &size));
+  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size));
   EXPECT_EQ(&log, buffer);
   EXPECT_EQ(5u, size);
-  EXPECT_EQ((std::vector<std::string>{"SSL_cert_store: Key blob is not available !\n",
-                                      "SSL_cert_store: Key blob is not available !"}),
-            log.texts());
-  EXPECT_TRUE(kora::fake_km::crypt_calls().empty());
+  EXPECT_EQ((std::vector<std::string>{kNoBlob + "\n", kNoBlob}), log.texts());
+  EXPECT_TRUE(kora::fake_km::crypt_calls.empty());
 }
 
 TEST_F(SealFaults, PassesKeyMaterialAndWritesSealedBytesOnly) {
   provision();
   ASSERT_EQ(0, seal());
-  EXPECT_EQ("FKSL" + kPlain, file_text(kPath));
+  std::ifstream in(kPath, std::ios::binary);
+  EXPECT_EQ("FKSL" + kPlain, std::string(std::istreambuf_iterator<char>(in), {}));
   void* buffer = nullptr;
   size_t size = 0;
-  ASSERT_EQ(0, ssl_store_cert_read_decrypt_from_file(kPath.c_str(), &buffer, &size));
+  ASSERT_EQ(0, ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size));
   EXPECT_EQ(kPlain, std::string(static_cast<char*>(buffer), size));
-  const auto& calls = kora::fake_km::crypt_calls();
+  std::free(buffer);
+  const auto& calls = kora::fake_km::crypt_calls;
   ASSERT_EQ(2u, calls.size());
   for (const auto& c : calls) {
     EXPECT_EQ(gp_tz_keyblob, c.keyblob);
@@ -74,58 +74,65 @@ TEST_F(SealFaults, PassesKeyMaterialAndWritesSealedBytesOnly) {
   EXPECT_EQ(static_cast<const void*>(kPlain.data()), calls[0].in);
   EXPECT_EQ(kPlain.size(), calls[0].in_len);
   EXPECT_EQ(0, calls[0].direction);
-  EXPECT_EQ("FKSL" + kPlain, std::string(calls[1].input.begin(), calls[1].input.end()));
   EXPECT_EQ(&buffer, calls[1].out);  // straight into the caller's variables
   EXPECT_EQ(&size, calls[1].out_len);
   EXPECT_EQ(1, calls[1].direction);
-  std::free(buffer);
+}
+
+TEST_F(SealFaults, RefusesMissingArguments) {
+  provision();
+  LogCapture log;
+  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(nullptr, kPlain.data(), kPlain.size()));
+  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(kPath, nullptr, 1));
+  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(kPath, kPlain.data(), 0));
+  EXPECT_EQ(3u, log.count(kEmpty));
+  EXPECT_FALSE(exists(kPath));
+  void* buffer = nullptr;
+  size_t size = 3;
+  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(nullptr, &buffer, &size));
+  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath, nullptr, &size));
+  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath, &buffer, nullptr));
+  EXPECT_EQ(3u, log.count("Invalid parameters\n"));
+  EXPECT_EQ(3u, size);
 }
 
 struct WriteFault {
   const char* what;
   Crypt mode;
-  std::string stdout_line;
+  const char* path;
+  std::string out;     // printed on standard output, not logged
+  std::string logged;  // the last message logged, or empty for none
 };
 
 class SealWriteFault : public SealFaults, public testing::WithParamInterface<WriteFault> {};
 
-// These two report on standard output, not through the logger.
-TEST_P(SealWriteFault, PrintsAndWritesNothing) {
+TEST_P(SealWriteFault, ReportsAndWritesNothing) {
+  const WriteFault& f = GetParam();
   provision();
-  kora::fake_km::set_seal(GetParam().mode);
+  kora::fake_km::seal = f.mode;
   LogCapture log;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(-1, seal());
-  EXPECT_EQ(GetParam().stdout_line, testing::internal::GetCapturedStdout());
-  EXPECT_TRUE(log.messages().empty());
+  EXPECT_EQ(-1, seal(f.path));
+  EXPECT_EQ(f.out, testing::internal::GetCapturedStdout());
+  EXPECT_EQ(f.logged, log.texts().empty() ? "" : log.texts().back());
   EXPECT_FALSE(exists(kPath));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Table, SealWriteFault,
-    testing::Values(WriteFault{"SealFails", Crypt::kFail,
-                               "ssl_store_cert_write_encrypt_to_file: Certificate encrypt error \n"},
-                    WriteFault{"SealFailsWithOutput", Crypt::kFailWithOutput,
-                               "ssl_store_cert_write_encrypt_to_file: Certificate encrypt error \n"},
-                    WriteFault{"NoOutput", Crypt::kNoOutput, "SSL_cert_store: Key blob is not available !\n"},
-                    WriteFault{"EmptyOutput", Crypt::kEmptyOutput,
-                               "SSL_cert_store: Key blob is not available !\n"}),
+    testing::Values(WriteFault{"SealFails", Crypt::kFail, kPath, kEncrypt, ""},
+                    WriteFault{"SealFailsWithOutput", Crypt::kFailWithOutput, kPath, kEncrypt, ""},
+                    WriteFault{"NoOutput", Crypt::kNoOutput, kPath, kNoBlob + "\n", ""},
+                    WriteFault{"EmptyOutput", Crypt::kEmptyOutput, kPath, kNoBlob + "\n", ""},
+                    WriteFault{"FileWriteFails", Crypt::kOk, "/data/data_velto/missing/dev", "",
+                               "SSL_cert_store: storing Encrypted certificate in EFS failed!\n"}),
     [](const testing::TestParamInfo<WriteFault>& p) { return std::string(p.param.what); });
 
-TEST_F(SealFaults, FileWriteFailureIsReportedTwice) {
-  provision();
-  LogCapture log;
-  const std::string path = "/data/data_velto/missing/dev";
-  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(path.c_str(), kPlain.data(), kPlain.size()));
-  EXPECT_EQ((std::vector<std::string>{"Error in opening " + path + "\n",
-                                      "SSL_cert_store: storing Encrypted certificate in EFS failed!\n"}),
-            log.texts());
-}
+enum class File { kMissing, kZeroBytes, kSealed };
 
 struct ReadFault {
   const char* what;
-  bool write_file;  // a good sealed file, else an empty one (or none when missing)
-  bool missing;
+  File file;
   Crypt unseal;
   std::string message;
 };
@@ -136,17 +143,17 @@ class SealReadFault : public SealFaults, public testing::WithParamInterface<Read
 TEST_P(SealReadFault, FreesAndClearsCallerOutputs) {
   const ReadFault& f = GetParam();
   provision();
-  if (f.write_file) {
+  if (f.file == File::kSealed) {
     ASSERT_EQ(0, seal());
-  } else if (!f.missing) {
+  } else if (f.file == File::kZeroBytes) {
     std::ofstream(kPath).flush();
   }
-  kora::fake_km::set_unseal(f.unseal);
+  kora::fake_km::unseal = f.unseal;
   LogCapture log;
   // A buffer from an earlier call, where the key service is not reached to overwrite it.
-  void* buffer = f.write_file ? nullptr : std::malloc(16);
+  void* buffer = f.file == File::kSealed ? nullptr : std::malloc(16);
   size_t size = 16;
-  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath.c_str(), &buffer, &size));
+  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size));
   EXPECT_EQ(nullptr, buffer);
   EXPECT_EQ(0u, size);
   ASSERT_FALSE(log.messages().empty());
@@ -156,31 +163,12 @@ TEST_P(SealReadFault, FreesAndClearsCallerOutputs) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, SealReadFault,
-    testing::Values(ReadFault{"Missing", false, true, Crypt::kOk, kReadFailed},
-                    ReadFault{"EmptyFile", false, false, Crypt::kOk, kReadFailed},
-                    ReadFault{"UnsealFails", true, false, Crypt::kFail,
-                              "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n"},
-                    ReadFault{"UnsealFailsWithOutput", true, false, Crypt::kFailWithOutput,
-                              "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n"},
-                    ReadFault{"NoPlainBytes", true, false, Crypt::kNoOutput, kEmpty},
-                    ReadFault{"EmptyPlainBuffer", true, false, Crypt::kEmptyOutput, kEmpty}),
+    testing::Values(ReadFault{"Missing", File::kMissing, Crypt::kOk, kReadFailed},
+                    ReadFault{"EmptyFile", File::kZeroBytes, Crypt::kOk, kReadFailed},
+                    ReadFault{"UnsealFails", File::kSealed, Crypt::kFail, kDecrypt},
+                    ReadFault{"UnsealFailsWithOutput", File::kSealed, Crypt::kFailWithOutput, kDecrypt},
+                    ReadFault{"NoPlainBytes", File::kSealed, Crypt::kNoOutput, kEmpty},
+                    ReadFault{"EmptyPlainBuffer", File::kSealed, Crypt::kEmptyOutput, kEmpty}),
     [](const testing::TestParamInfo<ReadFault>& p) { return std::string(p.param.what); });
-
-TEST_F(SealFaults, RefusesMissingArguments) {
-  provision();
-  LogCapture log;
-  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(nullptr, kPlain.data(), kPlain.size()));
-  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), nullptr, 1));
-  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(kPath.c_str(), kPlain.data(), 0));
-  EXPECT_EQ(3u, log.count(kEmpty));
-  EXPECT_FALSE(exists(kPath));
-  void* buffer = nullptr;
-  size_t size = 3;
-  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(nullptr, &buffer, &size));
-  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath.c_str(), nullptr, &size));
-  EXPECT_EQ(-1, ssl_store_cert_read_decrypt_from_file(kPath.c_str(), &buffer, nullptr));
-  EXPECT_EQ(3u, log.count("Invalid parameters\n"));
-  EXPECT_EQ(3u, size);
-}
 
 }  // namespace
