@@ -539,6 +539,17 @@ TEST_F(CliTest, DemoOnAnExistingStoreTouchesOnlyItsOwnNames) {
   EXPECT_EQ(cli({"ls"}).out, "ca   mine\n");
 }
 
+TEST_F(CliTest, DemoRefusesAKeyBlobWhoseRootKeyIsGone) {
+  init();
+  ASSERT_EQ(::unlink("/data/km/root.key"), 0);
+  const std::vector<std::string> before = tree("/data/data_velto");
+  const CliRun r = cli({"demo"});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("root key /data/km/root.key is missing"), std::string::npos) << r.err;
+  EXPECT_EQ(tree("/data/data_velto"), before);
+  EXPECT_FALSE(exists("/data/km/root.key"));
+}
+
 TEST_F(CliTest, DemoRefusesWhenOneOfItsNamesIsTaken) {
   init();
   make_pki();
@@ -546,7 +557,7 @@ TEST_F(CliTest, DemoRefusesWhenOneOfItsNamesIsTaken) {
   const std::string sealed = slurp(std::string(kStore) + "ca_lists/kora-demo-ca");
   const CliRun r = cli({"demo"});
   EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("already holds 'kora-demo-ca'"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("already holds CA list 'kora-demo-ca'"), std::string::npos) << r.err;
   EXPECT_EQ(slurp(std::string(kStore) + "ca_lists/kora-demo-ca"), sealed);
 }
 

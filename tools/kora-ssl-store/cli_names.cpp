@@ -47,6 +47,15 @@ std::optional<Kind> parse_kind(const std::string& word) {
   return std::nullopt;
 }
 
+const Kind* find_kind(kora_Net_SSL_Cert_Type_t type) {
+  for (const Kind& k : kKinds) {
+    if (k.type == type) {
+      return &k;
+    }
+  }
+  return nullptr;
+}
+
 std::string kind_words() { return "cert, ca, psk or di"; }
 
 }  // namespace kora::cli

@@ -25,6 +25,8 @@ struct Kind {
 const Kind* kinds_begin();
 const Kind* kinds_end();
 std::optional<Kind> parse_kind(const std::string& word);
+// The kind of a store type; null for a value outside 1..4.
+const Kind* find_kind(kora_Net_SSL_Cert_Type_t type);
 // "cert, ca, psk or di"
 std::string kind_words();
 

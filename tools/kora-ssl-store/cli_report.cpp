@@ -63,6 +63,11 @@ void sink(const msg_const_type* blk, const char* text, void* /*user*/) {
   }
 }
 
+std::string prefix() {
+  const std::lock_guard<std::mutex> lock(diag().mutex);
+  return diag().command;
+}
+
 }  // namespace
 
 void diag_install(bool verbose) {
@@ -91,11 +96,6 @@ void diag_clear() {
 void report_set_command(const std::string& command) {
   const std::lock_guard<std::mutex> lock(diag().mutex);
   diag().command = "kora-ssl-store " + command;
-}
-
-static std::string prefix() {
-  const std::lock_guard<std::mutex> lock(diag().mutex);
-  return diag().command;
 }
 
 int fail(const std::string& what) {

@@ -122,12 +122,8 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
 }
 
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name) {
-  const char* title = "credential";
-  for (const Kind* k = kinds_begin(); k != kinds_end(); ++k) {
-    if (k->type == type) {
-      title = k->title;
-    }
-  }
+  const Kind* kind = find_kind(type);
+  const char* title = kind != nullptr ? kind->title : "credential";
   if (const std::string why = name_problem(name); !why.empty()) {
     return usage_error("refusing name '" + name + "': " + why);
   }

@@ -13,6 +13,7 @@
 
 #include "cli_input.h"
 #include "cli_keys.h"
+#include "cli_names.h"
 #include "cli_report.h"
 #include "cli_tls.h"
 #include "commands.h"
@@ -302,12 +303,7 @@ void Demo::list_and_remove() {
   }
   std::printf("stored by the demo:\n");
   for (const DemoName& d : kDemoNames) {
-    std::printf("  %-4s %s\n",
-                d.type == KORA_NET_SSL_CERTIFICATE_E ? "cert"
-                : d.type == KORA_NET_SSL_CA_LIST_E   ? "ca"
-                : d.type == KORA_NET_SSL_PSK_TABLE_E ? "psk"
-                                                     : "di",
-                d.name);
+    std::printf("  %-4s %s\n", find_kind(d.type)->word, d.name);
   }
   const int expected = static_cast<int>(std::size(kDemoNames));
   row("list the stored names", std::to_string(expected) + " listed", std::to_string(listed) + " listed",
@@ -334,15 +330,12 @@ void Demo::print_table() const {
 // Refuses to run over credentials of the user's that carry the demo's names.
 bool demo_names_free() {
   for (const DemoName& d : kDemoNames) {
-    const std::string path = std::string(kStoreRoot) +
-                             (d.type == KORA_NET_SSL_CERTIFICATE_E ? "certs/"
-                              : d.type == KORA_NET_SSL_CA_LIST_E   ? "ca_lists/"
-                              : d.type == KORA_NET_SSL_PSK_TABLE_E ? "psk_table/"
-                                                                   : "di_certs/") +
-                             d.name;
+    char path[512] = {0};
     struct stat st {};
-    if (::lstat(path.c_str(), &st) == 0) {
-      (void)fail(std::string("the store already holds '") + d.name + "'; the demo does not overwrite it");
+    if (SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), false) == KORA_OK &&
+        ::lstat(path, &st) == 0) {
+      (void)fail(std::string("the store already holds ") + find_kind(d.type)->title + " '" + d.name +
+                 "'; the demo does not overwrite it");
       return false;
     }
   }

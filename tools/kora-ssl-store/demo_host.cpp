@@ -62,6 +62,14 @@ bool DemoHost::prepare(std::string* why) {
   // The key service makes its root key on first use. A host without one gets a temporary
   // root key for this run, removed afterwards, so no key file stays behind.
   if (!exists(kora::km::root_key_path())) {
+    if (exists(kKeyBlobFile)) {
+      // A key blob opens only under the root key it was wrapped with.
+      *why = std::string("the store has a key blob but the key service's root key ") +
+             kora::km::root_key_path() +
+             " is missing: its credentials cannot be opened on this host (set KORA_KM_ROOT_KEY?)";
+      restore();
+      return false;
+    }
     char dir_template[] = "/tmp/kora-demo-XXXXXX";
     if (::mkdtemp(dir_template) == nullptr) {
       *why = std::string("cannot create a temporary directory: ") + std::strerror(errno);
