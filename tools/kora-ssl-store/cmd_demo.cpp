@@ -2,6 +2,7 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
@@ -190,7 +191,7 @@ std::string describe(const SideResult& side) {
   if (side.status != 0) {
     std::string s = "handshake failed";
     if (side.have_info && side.info.verify_result != X509_V_OK) {
-      s += " (" + verify_phrase(side.info.verify_result) + ")";
+      s += std::string(": ") + X509_verify_cert_error_string(side.info.verify_result);
     }
     return s;
   }
