@@ -6,3 +6,13 @@ if(TARGET kora-ssl-store)
   target_compile_definitions(test_cli PRIVATE KORA_CLI_PATH="$<TARGET_FILE:kora-ssl-store>")
   add_dependencies(test_cli kora-ssl-store)
 endif()
+
+# The installed package as another project uses it: find_package and pkg-config. Skipped when
+# cross-compiling (the consumer would be built for the other machine).
+if(TARGET kora-ssl-store AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME install_package_consumer
+    COMMAND ${CMAKE_COMMAND} -DBUILD_DIR=${PROJECT_BINARY_DIR} -DSOURCE_DIR=${CMAKE_CURRENT_LIST_DIR}/install_consumer
+      -DWORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/install_consumer -DC_COMPILER=${CMAKE_C_COMPILER}
+      "-DFLAGS=${CMAKE_C_FLAGS}" -P ${CMAKE_CURRENT_LIST_DIR}/install_consumer/check_install.cmake)
+  set_tests_properties(install_package_consumer PROPERTIES TIMEOUT 120 LABELS cli)
+endif()
