@@ -7,11 +7,8 @@ set(KORA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kora)
 set(KORA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoraSslStore)
 
 # The object layer and the host services link the private header target; for static
-# archives CMake records that link in the export, so the target must be exported too. It
-# carries nothing outside the build tree: its include directory is the source tree's.
-set_property(TARGET kora_internal_headers PROPERTY INTERFACE_INCLUDE_DIRECTORIES
-  "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/porting_layer/src>")
-
+# archives CMake records that link in the export, so the target is exported too. It carries
+# nothing outside the build tree (its include directory is a build-interface one).
 install(TARGETS kora_ssl_store kora_ssl_util kora_platform_host kora_internal_headers
   EXPORT KoraSslStoreTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
