@@ -10,9 +10,10 @@
 #   valgrind  valgrind
 #   fuzz      clang (libFuzzer and the sanitizers)
 #   bench     Google Benchmark
-#   armhf     the 32-bit ARM cross compiler, qemu-user and the armhf development libraries
-#             (adds the armhf architecture to dpkg when it is not there)
-#   all       every set above except armhf
+#   cross     the 32-bit ARM cross compiler and qemu-user (host packages)
+#   armhf     the armhf development libraries, through dpkg multiarch (adds the armhf
+#             architecture to dpkg when it is not there)
+#   all       every set above except cross and armhf
 #
 # Exit status: 0 when every requested package is installed; 2 on a usage error; 3 when the
 # armhf set cannot be installed (mirror out of sync, versions that differ between the two
@@ -29,7 +30,8 @@ declare -A SETS=(
   [valgrind]="valgrind"
   [fuzz]="clang"
   [bench]="libbenchmark-dev"
-  [armhf]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user libssl-dev:armhf libglib2.0-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
+  [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
+  [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
 
 requested=()
@@ -37,7 +39,7 @@ for arg in "${@:-build}"; do
   case "$arg" in
     -h | --help) usage; exit 0 ;;
     all) requested+=(build analysis valgrind fuzz bench) ;;
-    build | analysis | valgrind | fuzz | bench | armhf) requested+=("$arg") ;;
+    build | analysis | valgrind | fuzz | bench | cross | armhf) requested+=("$arg") ;;
     *) echo "deps.sh: unknown set '$arg'" >&2; usage >&2; exit 2 ;;
   esac
 done
@@ -81,12 +83,13 @@ fi
 # mirror; it is retried a few times, and what it could fetch is used either way.
 update_indexes() {
   local attempt
-  for attempt in 1 2 3 4; do
+  for attempt in 1 2 3; do
     if "${APT[@]}" update >/tmp/kora-deps-update.log 2>&1; then
       return 0
     fi
-    echo "deps.sh: apt-get update failed (attempt $attempt of 4); retrying" >&2
-    sleep $((attempt * 10))
+    [ "$attempt" -lt 3 ] || break
+    echo "deps.sh: apt-get update failed (attempt $attempt of 3); retrying" >&2
+    sleep $((attempt * 5))
   done
   grep -E '^(E|W):' /tmp/kora-deps-update.log | head -n 5 >&2 || true
   return 1
@@ -102,7 +105,7 @@ install_with_retry() {
   if install_packages "$@"; then
     return 0
   fi
-  sleep 20
+  sleep 10
   update_indexes || true
   if install_packages "$@"; then
     return 0
