@@ -431,9 +431,8 @@ TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
   ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("dev")), KORA_OK);
   const std::string before = slurp(kSsl + "psk_table/dev");
 
-  for (std::string text :
-       {std::string("\x01\x02\xff\xfe binary, no separator", 28), std::string("id:zz00\nx:11"),
-        std::string("|open bar without end:00"), std::string(":00ff")}) {
+  for (std::string text : {std::string("\x01\x02\xff\xfe binary, no separator"), std::string("id:zz00\nx:11"),
+                           std::string("|open bar without end:00"), std::string(":00ff")}) {
     kora_Net_SSL_PSK_Table_t garbage{static_cast<uint32_t>(text.size()),
                                      reinterpret_cast<uint8_t*>(text.data())};
     EXPECT_EQ(ssl_parse_and_store_psktable(&garbage, reinterpret_cast<const uint8_t*>("dev")), KORA_ERROR)
