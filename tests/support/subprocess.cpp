@@ -12,14 +12,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 extern char** environ;
 
 namespace kora::test {
 
-std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& argv, std::string* why) {
+std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& argv, std::string* why,
+                                              const std::string& err_path) {
   int in[2], out[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
     *why = "pipe";
@@ -29,7 +29,12 @@ std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& ar
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
+  if (err_path.empty()) {
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+  }
   std::vector<char*> args;
   for (const auto& a : argv) {
     args.push_back(const_cast<char*>(a.c_str()));
@@ -42,8 +47,8 @@ std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& ar
   ::close(out[1]);
   child->in_ = in[1];
   child->out_ = out[0];
+  child->reaped_ = rc != 0;
   if (rc != 0) {
-    child->reaped_ = true;
     *why = "spawn " + argv[0] + ": " + std::strerror(rc);
     return nullptr;
   }
@@ -87,9 +92,6 @@ std::string Subprocess::wait_for_line(const std::string& prefix, std::chrono::mi
     for (size_t end; (end = output_.find('\n', scanned_)) != std::string::npos;) {
       std::string line = output_.substr(scanned_, end - scanned_);
       scanned_ = end + 1;
-      if (!line.empty() && line.back() == '\r') {
-        line.pop_back();
-      }
       if (line.compare(0, prefix.size(), prefix) == 0) {
         return line;
       }
@@ -118,11 +120,6 @@ void Subprocess::close_stdin() {
   }
 }
 
-int accept_port(const std::string& line) {
-  const std::string prefix = "ACCEPT 127.0.0.1:";
-  return line.compare(0, prefix.size(), prefix) == 0 ? std::atoi(line.c_str() + prefix.size()) : -1;
-}
-
 namespace {
 
 int loopback_socket(int* port, bool listening) {
@@ -136,14 +133,11 @@ int loopback_socket(int* port, bool listening) {
   const bool ok = fd >= 0 && (listening ? ::bind(fd, sa, len) == 0 && ::listen(fd, 4) == 0 &&
                                               ::getsockname(fd, sa, &len) == 0
                                         : ::connect(fd, sa, len) == 0);
-  if (!ok) {
-    if (fd >= 0) {
-      ::close(fd);
-    }
-    return -1;
+  if (!ok && fd >= 0) {
+    ::close(fd);
   }
   *port = ntohs(addr.sin_port);
-  return fd;
+  return ok ? fd : -1;
 }
 
 }  // namespace

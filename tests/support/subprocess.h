@@ -1,5 +1,5 @@
-// A child process with its stdin and its merged stdout/stderr on pipes, for tests that talk to
-// command-line tools. Every wait has a deadline. The destructor kills a child still running.
+// A child process with its stdin and stdout on pipes, for tests that talk to command-line tools.
+// Every wait has a deadline; the destructor kills a child still running.
 #pragma once
 
 #include <sys/types.h>
@@ -13,17 +13,17 @@ namespace kora::test {
 
 class Subprocess {
  public:
-  // Starts argv[0] (looked up in PATH). Null, with *why set, when it cannot be started.
-  static std::unique_ptr<Subprocess> start(const std::vector<std::string>& argv, std::string* why);
+  // Starts argv[0] (looked up in PATH). Its stderr joins stdout, or goes to `err_path` when one is
+  // given. Null, with *why set, when it cannot be started.
+  static std::unique_ptr<Subprocess> start(const std::vector<std::string>& argv, std::string* why,
+                                           const std::string& err_path = "");
   ~Subprocess();
-  // The next output line beginning with `prefix`, without its line break; "" when the output
-  // ends or the deadline passes first.
+  // The next output line beginning with `prefix`; "" when the output ends or the deadline passes.
   std::string wait_for_line(const std::string& prefix, std::chrono::milliseconds timeout);
-  // Reads the output to its end and reaps the child: its exit code, 128 + signal, or -1 when
-  // the deadline passed.
+  // Reads the output to its end and reaps the child: its exit code, 128 + signal, or -1 on timeout.
   int wait_exit(std::chrono::milliseconds timeout);
   void close_stdin();
-  const std::string& output() const { return output_; }  // everything written so far
+  const std::string& output() const { return output_; }
 
  private:
   Subprocess() = default;
@@ -36,11 +36,9 @@ class Subprocess {
   size_t scanned_ = 0;  // start of the first line wait_for_line has not looked at
 };
 
-// The port of an "ACCEPT 127.0.0.1:PORT" line, or -1.
-int accept_port(const std::string& line);
-// A TCP socket connected to 127.0.0.1:port, or -1.
+// A TCP socket on 127.0.0.1: connected to `port`, or listening at a port of the system's choosing
+// stored in *port. -1 on failure.
 int connect_loopback(int port);
-// A socket listening on 127.0.0.1 at a port of the system's choosing, stored in *port; or -1.
 int listen_loopback(int* port);
 
 }  // namespace kora::test

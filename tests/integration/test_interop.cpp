@@ -1,0 +1,265 @@
+// Real handshakes on 127.0.0.1 between the layer's objects, loaded from the store, and the openssl
+// tool: our client against "openssl s_server", our server for "openssl s_client".
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <tuple>
+
+#include "kora_certgen.h"
+#include "kora_net_ssl.h"
+#include "ssl_store.h"
+#include "ssl_util.h"
+#include "subprocess.h"
+
+namespace kora::test {
+namespace {
+
+using namespace std::chrono_literals;
+using certgen::Credential;
+
+// A certificate for `cn`, with `cn` as its host name; self-signed when `issuer` is null.
+Credential issue(const char* cn, const Credential* issuer, bool is_ca = false) {
+  const certgen::CertSpec spec{{{"CN", cn}}, {{GEN_DNS, cn}}, false, is_ca};
+  return issuer == nullptr ? certgen::make_self_signed(spec) : certgen::make_signed(spec, *issuer);
+}
+
+std::string hex(const std::string& bytes) {
+  char out[1024];
+  OPENSSL_buf2hexstr_ex(out, sizeof out, nullptr, reinterpret_cast<const unsigned char*>(bytes.data()),
+                        bytes.size(), '\0');
+  return out;
+}
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+struct Exchange {
+  int open_rc = -99;
+  std::string reply;
+  ssl_conn_info_t info{};
+};
+
+class Interop : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::signal(SIGPIPE, SIG_IGN);  // a peer that hangs up must not end the test process
+    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
+    ::mkdir("/data/km", 0700);
+    ::mkdir("/data/tool", 0700);
+    ASSERT_EQ(ssl_store_init(), 0);
+  }
+  void TearDown() override {
+    for (ssl_obj_hdl_t hdl : objects_) {
+      ssl_obj_free(hdl);
+    }
+  }
+
+  static std::string tool_file(const std::string& name, const std::string& content) {
+    std::ofstream("/data/tool/" + name, std::ios::binary) << content;
+    return "/data/tool/" + name;
+  }
+  static std::vector<std::string> cert_args(const Credential& cred) {
+    return {"-cert", tool_file("srv.pem", cred.cert_pem()), "-key", tool_file("srv.key", cred.key_pem())};
+  }
+
+  // "openssl s_server -www" on 127.0.0.1 at a free port, serving `accepts` connections.
+  static std::unique_ptr<Subprocess> s_server(std::vector<std::string> args, int* port, int accepts = 1) {
+    args.insert(args.begin(), {"openssl", "s_server", "-accept", "127.0.0.1:0", "-www", "-naccept",
+                               std::to_string(accepts)});
+    std::string why;
+    auto server = Subprocess::start(args, &why);
+    const std::string line = server ? server->wait_for_line("ACCEPT 127.0.0.1:", 10s) : "";
+    *port = line.empty() ? -1 : std::atoi(line.c_str() + 17);
+    EXPECT_GT(*port, 0) << (server ? server->output() : why);
+    return *port > 0 ? std::move(server) : nullptr;
+  }
+
+  ssl_obj_hdl_t object(ssl_obj_role_t role) {
+    ssl_obj_hdl_t hdl = 0;
+    EXPECT_EQ(ssl_obj_create(role, &hdl), 0);
+    objects_.push_back(hdl);
+    return hdl;
+  }
+
+  static void store(const char* name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
+                    bool key = false) {
+    ASSERT_EQ(SSL_cert_store(name, type, bytes.data(), static_cast<int>(bytes.size()), key), 0) << name;
+  }
+
+  // Connects `hdl`, asks for the status page and reads it to its end (the tool sends no close
+  // notification). `before_close` runs while the connection is still open.
+  static Exchange request(ssl_obj_hdl_t hdl, int port, const std::function<void()>& before_close = {}) {
+    static const std::string kRequest = "GET / HTTP/1.0\r\n\r\n";
+    Exchange out;
+    const int fd = connect_loopback(port);
+    out.open_rc = ssl_conn_open(hdl, fd);
+    if (out.open_rc == 0 && ssl_conn_write(hdl, kRequest.data(), static_cast<int>(kRequest.size())) ==
+                                static_cast<int>(kRequest.size())) {
+      char buf[4096];
+      for (int n;
+           out.reply.find("</HTML>") == std::string::npos && (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
+        out.reply.append(buf, static_cast<size_t>(n));
+      }
+    }
+    ssl_conn_get_info(hdl, &out.info);
+    if (before_close) {
+      before_close();
+    }
+    ssl_conn_close(hdl);
+    ::close(fd);
+    return out;
+  }
+
+  const Credential ca_ = issue("interop-ca", nullptr, true);
+  const Credential server_ = issue("server.test", &ca_);
+  std::vector<ssl_obj_hdl_t> objects_;
+};
+
+class Versions : public Interop, public ::testing::WithParamInterface<int> {};
+const auto kVersionName = [](const auto& p) { return p.param == TLS1_3_VERSION ? "Tls13" : "Tls12"; };
+
+// The stored certificate and key satisfy a server that demands one; the session saved from that
+// connection resumes the next one, and its files go with the credential.
+TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
+  const Credential dev = issue("dev-client", &ca_);
+  store("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
+  store("dev", KORA_NET_SSL_CERTIFICATE_E, dev.key_pem(), true);
+  store("interop-ca", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
+  const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
+  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
+  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
+  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, GetParam(), GetParam()), 0);
+  ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
+  auto args = cert_args(server_);
+  args.insert(args.end(), {"-Verify", "1", "-CAfile", tool_file("ca.pem", ca_.cert_pem()),
+                           GetParam() == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"});
+  int port = 0;
+  auto server = s_server(args, &port, 2);
+  ASSERT_NE(server, nullptr);
+  char saved[512] = {};
+  int save_rc = -99;
+  const Exchange first = request(hdl, port, [&] { save_rc = ssl_session_save(hdl, saved, sizeof saved); });
+  ASSERT_EQ(first.open_rc, 0);
+  EXPECT_EQ(first.info.verify_result, X509_V_OK);
+  EXPECT_STREQ(first.info.peer_subject, "/CN=server.test");
+  EXPECT_NE(first.reply.find("Subject: CN=dev-client"), std::string::npos) << first.reply;
+  ASSERT_EQ(save_rc, 0);
+  const std::string session = "/data/data_velto/.ssl/sessions/dev_1.session";
+  const std::string timestamp = "/data/data_velto/.ssl/sessions/dev_1.timestamp";
+  EXPECT_EQ(saved, session);
+  ASSERT_TRUE(exists(session) && exists(timestamp));
+
+  const Exchange second = request(hdl, port);
+  ASSERT_EQ(second.open_rc, 0);
+  EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not resumed";
+  EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
+  ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, nullptr, 0, false), 0);
+  EXPECT_FALSE(exists(session) || exists(timestamp));
+}
+
+TEST_P(Versions, ServerObjectWithStoredCertificateServesSClient) {
+  store("srv", KORA_NET_SSL_CERTIFICATE_E, server_.cert_pem());
+  store("srv", KORA_NET_SSL_CERTIFICATE_E, server_.key_pem(), true);
+  const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_SERVER);
+  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CERTIFICATE_E, "srv"), 0);
+  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, GetParam(), GetParam()), 0);
+  int port = 0;
+  const int listener = listen_loopback(&port);
+  ASSERT_GE(listener, 0);
+  std::string why;
+  auto client = Subprocess::start({"openssl", "s_client", "-connect", "127.0.0.1:" + std::to_string(port),
+                                   "-CAfile", tool_file("ca.pem", ca_.cert_pem()), "-verify_return_error",
+                                   "-verify_hostname", "server.test", "-servername", "server.test"},
+                                  &why);
+  ASSERT_NE(client, nullptr) << why;
+  pollfd pfd{listener, POLLIN, 0};
+  const int fd = ::poll(&pfd, 1, 10000) == 1 ? ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+  ::close(listener);
+  ASSERT_GE(fd, 0) << client->output();
+
+  ASSERT_EQ(ssl_conn_open(hdl, fd), 0);
+  ssl_conn_info_t info{};
+  ASSERT_EQ(ssl_conn_get_info(hdl, &info), 0);
+  EXPECT_STREQ(info.protocol, GetParam() == TLS1_3_VERSION ? "TLSv1.3" : "TLSv1.2");
+  const std::string greeting = "hello from the store\n";
+  EXPECT_EQ(ssl_conn_write(hdl, greeting.data(), static_cast<int>(greeting.size())),
+            static_cast<int>(greeting.size()));
+  EXPECT_FALSE(client->wait_for_line("hello from the store", 10s).empty()) << client->output();
+  client->close_stdin();  // s_client ends its side with a close notification
+  char buf[64];
+  EXPECT_EQ(ssl_conn_read(hdl, buf, sizeof buf), 0);
+  ssl_conn_close(hdl);
+  ::close(fd);
+  EXPECT_EQ(client->wait_exit(10s), 0) << client->output();
+  EXPECT_NE(client->output().find("Verify return code: 0 (ok)"), std::string::npos) << client->output();
+}
+
+INSTANTIATE_TEST_SUITE_P(Tls, Versions, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION), kVersionName);
+
+TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCasCleanly) {
+  const Credential other_ca = issue("other-ca", nullptr, true);
+  const Credential impostor = issue("server.test", &other_ca);
+  store("trusted", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
+  for (const auto& [presented, open_rc, verify_result] :
+       {std::tuple{&server_, 0, long{X509_V_OK}},
+        std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}}}) {
+    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
+    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
+    int port = 0;
+    auto server = s_server(cert_args(*presented), &port);
+    ASSERT_NE(server, nullptr);
+    const Exchange ex = request(hdl, port);
+    EXPECT_EQ(ex.open_rc, open_rc);
+    EXPECT_EQ(ex.info.verify_result, verify_result);
+    EXPECT_EQ(ex.reply.empty(), open_rc != 0);
+    EXPECT_GE(server->wait_exit(10s), 0) << "server did not end\n" << server->output();
+  }
+}
+
+// One stored table of three entries. Under TLS 1.2 the server's identity hint picks the entry;
+// under TLS 1.3 the client offers the first entry as an external PSK.
+TEST_F(Interop, PskTableEntryIsChosenByTheServersHintOrOfferedFirst) {
+  const std::string keys[] = {std::string(16, '\x01'), std::string(20, '\xb7'), std::string(32, '\x5a')};
+  const std::string text =
+      "alpha:" + hex(keys[0]) + "\r\nbeta:" + hex(keys[1]) + "\r\ngamma:" + hex(keys[2]) + "\r\n";
+  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
+                                 reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()))};
+  ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("psks")), 0);
+  for (const auto& [version, identity, key, open_rc] :
+       {std::tuple{TLS1_2_VERSION, "beta", keys[1], 0}, std::tuple{TLS1_2_VERSION, "gamma", keys[2], 0},
+        std::tuple{TLS1_2_VERSION, "delta", keys[0], -1}, std::tuple{TLS1_3_VERSION, "alpha", keys[0], 0}}) {
+    const bool tls13 = version == TLS1_3_VERSION;
+    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
+    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_PSK_TABLE_E, "psks"), 0);
+    ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, version, version), 0);
+    ASSERT_EQ(ssl_obj_set_ciphers(hdl, "PSK-AES128-GCM-SHA256",
+                                  "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256"),
+              0);
+    int port = 0;
+    auto server = s_server(
+        {"-nocert", "-psk", hex(key), "-psk_identity", identity, "-psk_hint", identity, "-cipher",
+         "PSK-AES128-GCM-SHA256", "-ciphersuites", "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"},
+        &port);
+    ASSERT_NE(server, nullptr);
+    const Exchange ex = request(hdl, port);
+    EXPECT_EQ(ex.open_rc, open_rc) << identity;
+    EXPECT_EQ(ex.reply.find("</HTML>") != std::string::npos, open_rc == 0) << identity;
+    if (open_rc == 0) {
+      EXPECT_STREQ(ex.info.cipher, tls13 ? "TLS_AES_128_GCM_SHA256" : "PSK-AES128-GCM-SHA256");
+    }
+    EXPECT_GE(server->wait_exit(10s), 0) << identity << "\n" << server->output();
+  }
+}
+
+}  // namespace
+}  // namespace kora::test
