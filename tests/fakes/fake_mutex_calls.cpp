@@ -1,15 +1,15 @@
-#include "fake_mutex_calls.h"
-
 #include <pthread.h>
 
+#include "fakes.h"
 #include "ivra_mutex.h"
 
-namespace kora::fake_mutex_calls {
+namespace kora::fake {
 int lock_count = 0;
 std::vector<int> unlock_results;
-}  // namespace kora::fake_mutex_calls
+}  // namespace kora::fake
 
-// The records are changed under the mutex's own guard.
+// Behaves like the host shim (owner-tracking, a release without a hold tolerated); the records
+// are changed under the mutex's own guard.
 extern "C" int ivra_mutex_lock(ivra_mutex_t* m) {
   pthread_mutex_lock(&m->guard);
   while (m->held != 0) {
@@ -17,7 +17,7 @@ extern "C" int ivra_mutex_lock(ivra_mutex_t* m) {
   }
   m->held = 1;
   m->owner = pthread_self();
-  ++kora::fake_mutex_calls::lock_count;
+  ++kora::fake::lock_count;
   pthread_mutex_unlock(&m->guard);
   return 0;
 }
@@ -29,7 +29,7 @@ extern "C" int ivra_mutex_unlock(ivra_mutex_t* m) {
     m->held = 0;
     pthread_cond_signal(&m->released);
   }
-  kora::fake_mutex_calls::unlock_results.push_back(result);
+  kora::fake::unlock_results.push_back(result);
   pthread_mutex_unlock(&m->guard);
   return result;
 }

@@ -1,10 +1,8 @@
-# Loading credentials onto SSL objects: certificate and key, CA list, PSK table and callback,
-# device-identity certificates. Real store, host services and object layer; the identity
-# test substitutes a recording mutex shim to see the double release.
+# Loading credentials onto SSL objects on the real store, host services and object layer; the
+# identity test substitutes a recording mutex shim to see the double release.
 foreach(area load ca psk_load)
   kora_add_gtest(test_ssl_store_${area} SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_${area}.cpp
     LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
 endforeach()
-kora_add_gtest(test_ssl_store_identity
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_identity.cpp ${CMAKE_CURRENT_SOURCE_DIR}/fakes/fake_mutex_calls.cpp
-  LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
+kora_add_gtest(test_ssl_store_identity SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_identity.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../fakes/fake_mutex_calls.cpp LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)

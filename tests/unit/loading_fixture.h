@@ -1,5 +1,5 @@
-// Shared set-up of the loading tests: an initialised store in the private root, one client
-// SSL object, credentials stored through the public store call, and a few observers.
+// Shared set-up of the loading tests: an initialised store in the private root, one client SSL
+// object, credentials stored through the public store call.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,7 +28,6 @@ class LoadingTest : public ::testing::Test {
     ASSERT_EQ(ssl_store_init(), 0);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
     ctx_ = ssl_get_obj_context(hdl_);
-    ASSERT_NE(ctx_, nullptr);
   }
   void TearDown() override { ssl_obj_free(hdl_); }
 
@@ -38,7 +36,6 @@ class LoadingTest : public ::testing::Test {
     ASSERT_EQ(SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key), 0);
   }
   static std::string bytes_of(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
   gbl_ssl_ctx_t& record() const {
     int index = -1;
     utility_get_ssl_ctxt(ctx_, &index);
@@ -69,25 +66,6 @@ inline bool store_lock_is_free() {
     done->set_value();
   }).detach();
   return result.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
-}
-
-// Names parameterised cases after their row's label.
-struct LabelName {
-  template <class P>
-  std::string operator()(const ::testing::TestParamInfo<P>& p) const {
-    return p.param.label;
-  }
-};
-
-// Prints a row as its label rather than as raw bytes.
-template <class Row, class = decltype(Row::label)>
-std::ostream& operator<<(std::ostream& os, const Row& row) {
-  return os << row.label;
-}
-
-inline bool file_exists(const char* path) {
-  struct stat st;
-  return ::stat(path, &st) == 0;
 }
 
 }  // namespace kora::test

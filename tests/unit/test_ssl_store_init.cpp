@@ -8,8 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "fake_km.h"
-#include "fake_shell.h"
+#include "fakes.h"
 #include "log_capture.h"
 #include "ssl_store.h"
 
@@ -17,11 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using kora::test::kError;
-using kora::test::kHigh;
 using kora::test::LogCapture;
 
 const std::string kRoot = "/data/data_velto/";
-
 // The tree in the order it is made, and the message of each directory.
 const std::vector<std::pair<std::string, std::string>> kSteps = {
     {".ssl/", "SSL directory unavailable \n"},
@@ -34,16 +31,6 @@ const std::vector<std::pair<std::string, std::string>> kSteps = {
     {".ssl/keyblob/", "Keyblob directory unavailable \n"},
 };
 
-// The mkdir commands of the first `steps` steps, each with its length.
-std::vector<std::pair<std::string, size_t>> commands(size_t steps) {
-  std::vector<std::pair<std::string, size_t>> out;
-  for (size_t i = 0; i < steps; ++i) {
-    const std::string command = "mkdir " + kRoot + kSteps[i].first;
-    out.emplace_back(command, command.size());
-  }
-  return out;
-}
-
 size_t open_store_directories() {
   size_t n = 0;
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -54,38 +41,28 @@ size_t open_store_directories() {
   return n;
 }
 
-void expect_tree() {
-  for (const auto& step : kSteps) {
-    EXPECT_TRUE(fs::is_directory(kRoot + step.first)) << step.first;
+// Root up to sessions/ stay open; keyblob/ is closed only when provisioning succeeds (9 + 8).
+TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
+  for (const auto generate : {kora::fake::Generate::kFail, kora::fake::Generate::kOk}) {
+    kora::fake::generate = generate;
+    LogCapture log;
+    const bool ok = generate == kora::fake::Generate::kOk;
+    EXPECT_EQ(ok ? 0 : -1, ssl_store_init());
+    for (const auto& step : kSteps) {
+      EXPECT_TRUE(fs::is_directory(kRoot + step.first)) << step.first;
+    }
+    EXPECT_EQ(ok, fs::exists(kRoot + ".ssl/keyblob/takey.blob"));
+    EXPECT_EQ(ok ? 17u : 9u, open_store_directories());
+    EXPECT_EQ(!ok, log.has("Keyblob generation failed \n", kError));
   }
 }
 
-TEST(StoreInit, BuildsTreeAndProvisionsOnce) {
-  LogCapture log;
-  ASSERT_EQ(0, ssl_store_init());
-  EXPECT_EQ(commands(8), kora::fake_shell::calls);
-  expect_tree();
-  EXPECT_TRUE(fs::exists(kRoot + ".ssl/keyblob/takey.blob"));
-  EXPECT_EQ(8u, open_store_directories());  // root up to sessions/ stay open; keyblob/ is closed
-  for (const auto& m : log.messages()) {
-    EXPECT_NE(kError, m.mask) << m.text;
-  }
-  // Again over a complete tree: every command is issued anew, provisioning runs again.
-  kora::fake_shell::calls.clear();
-  log.clear();
-  ASSERT_EQ(0, ssl_store_init());
-  EXPECT_EQ(commands(8), kora::fake_shell::calls);
-  EXPECT_EQ(1, kora::fake_km::generate_calls);
-  EXPECT_EQ((std::vector<std::string>{"SSL_cert_store: Successfully genereated Keyblob"}), log.texts());
-}
-
-TEST(StoreInit, MissingDataRootRunsNoCommand) {
+TEST(StoreInit, MissingDataRootIsHighLevel) {
   ASSERT_EQ(0, rmdir("/data/data_velto"));
   LogCapture log;
   EXPECT_EQ(-1, ssl_store_init());
-  EXPECT_TRUE(kora::fake_shell::calls.empty());
   EXPECT_EQ((std::vector<std::string>{"Root directory unavailable\n"}), log.texts());
-  EXPECT_EQ(kHigh, log.messages()[0].mask);
+  EXPECT_EQ(kora::test::kHigh, log.messages()[0].mask);
 }
 
 class StoreInitBlocked : public testing::TestWithParam<size_t> {};
@@ -100,25 +77,14 @@ TEST_P(StoreInitBlocked, StopsAtFirstMissingDirectory) {
   std::fclose(std::fopen(dir.substr(0, dir.size() - 1).c_str(), "w"));
   LogCapture log;
   EXPECT_EQ(-1, ssl_store_init());
-  EXPECT_EQ(commands(blocked + 1), kora::fake_shell::calls);
   EXPECT_EQ((std::vector<std::string>{kSteps[blocked].second}), log.texts());
   EXPECT_EQ(kError, log.messages()[0].mask);
   if (blocked + 1 < kSteps.size()) {
     EXPECT_FALSE(fs::exists(kRoot + kSteps[blocked + 1].first));
   }
-  EXPECT_EQ(0, kora::fake_km::generate_calls);
+  EXPECT_EQ(0, kora::fake::generate_calls);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryDirectory, StoreInitBlocked, testing::Range<size_t>(0, 8));
-
-TEST(StoreInit, ProvisioningFailureKeepsTreeAndHandle) {
-  kora::fake_km::generate = kora::fake_km::Generate::kFail;
-  LogCapture log;
-  EXPECT_EQ(-1, ssl_store_init());
-  EXPECT_EQ("Keyblob generation failed \n", log.texts().back());
-  EXPECT_EQ(kError, log.messages().back().mask);
-  expect_tree();
-  EXPECT_EQ(9u, open_store_directories());
-}
 
 }  // namespace
