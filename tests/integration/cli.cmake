@@ -1,14 +1,10 @@
-# The command-line tool as a user runs it: each case spawns kora-ssl-store, which inherits the
-# case's private store root.
+# The command-line tool as a user runs it, on each case's private store root.
 if(TARGET kora-ssl-store)
-  kora_add_gtest(test_cli SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_cli.cpp
-    LIBS kora_certgen OpenSSL::Crypto TIMEOUT 120 LABELS cli)
+  kora_add_gtest(test_cli SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_cli.cpp LIBS kora_certgen TIMEOUT 120 LABELS cli)
   target_compile_definitions(test_cli PRIVATE KORA_CLI_PATH="$<TARGET_FILE:kora-ssl-store>")
   add_dependencies(test_cli kora-ssl-store)
 endif()
-
-# The installed package as another project uses it: find_package and pkg-config. Skipped when
-# cross-compiling (the consumer would be built for the other machine).
+# The installed package as another project uses it (skipped when cross-compiling).
 if(TARGET kora-ssl-store AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME install_package_consumer
     COMMAND ${CMAKE_COMMAND} -DBUILD_DIR=${PROJECT_BINARY_DIR} -DSOURCE_DIR=${CMAKE_CURRENT_LIST_DIR}/install_consumer

@@ -1,7 +1,6 @@
 // Real handshakes on 127.0.0.1 between the layer's objects, loaded from the store, and the openssl
 // tool: our client against "openssl s_server", our server for "openssl s_client".
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -9,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <tuple>
@@ -24,23 +24,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using certgen::Credential;
+using std::filesystem::exists;
 
 // A certificate for `cn`, with `cn` as its host name; self-signed when `issuer` is null.
 Credential issue(const char* cn, const Credential* issuer, bool is_ca = false) {
   const certgen::CertSpec spec{{{"CN", cn}}, {{GEN_DNS, cn}}, false, is_ca};
   return issuer == nullptr ? certgen::make_self_signed(spec) : certgen::make_signed(spec, *issuer);
-}
-
-std::string hex(const std::string& bytes) {
-  char out[1024];
-  OPENSSL_buf2hexstr_ex(out, sizeof out, nullptr, reinterpret_cast<const unsigned char*>(bytes.data()),
-                        bytes.size(), '\0');
-  return out;
-}
-
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 struct Exchange {
@@ -229,9 +218,8 @@ TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCasCleanly) {
 // One stored table of three entries. Under TLS 1.2 the server's identity hint picks the entry;
 // under TLS 1.3 the client offers the first entry as an external PSK.
 TEST_F(Interop, PskTableEntryIsChosenByTheServersHintOrOfferedFirst) {
-  const std::string keys[] = {std::string(16, '\x01'), std::string(20, '\xb7'), std::string(32, '\x5a')};
-  const std::string text =
-      "alpha:" + hex(keys[0]) + "\r\nbeta:" + hex(keys[1]) + "\r\ngamma:" + hex(keys[2]) + "\r\n";
+  const std::string keys[] = {std::string(32, '1'), std::string(40, 'b'), std::string(64, '5')};  // in hex
+  const std::string text = "alpha:" + keys[0] + "\r\nbeta:" + keys[1] + "\r\ngamma:" + keys[2] + "\r\n";
   kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
                                  reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()))};
   ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("psks")), 0);
@@ -247,7 +235,7 @@ TEST_F(Interop, PskTableEntryIsChosenByTheServersHintOrOfferedFirst) {
               0);
     int port = 0;
     auto server = s_server(
-        {"-nocert", "-psk", hex(key), "-psk_identity", identity, "-psk_hint", identity, "-cipher",
+        {"-nocert", "-psk", key, "-psk_identity", identity, "-psk_hint", identity, "-cipher",
          "PSK-AES128-GCM-SHA256", "-ciphersuites", "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"},
         &port);
     ASSERT_NE(server, nullptr);
