@@ -28,8 +28,8 @@ using std::filesystem::exists;
 
 // A certificate for `cn`, with `cn` as its host name; self-signed when `issuer` is null.
 Credential issue(const char* cn, const Credential* issuer, bool is_ca = false) {
-  const certgen::CertSpec spec{{{"CN", cn}}, {{GEN_DNS, cn}}, false, is_ca};
-  return issuer == nullptr ? certgen::make_self_signed(spec) : certgen::make_signed(spec, *issuer);
+  const certgen::CertSpec wanted{{{"CN", cn}}, {{GEN_DNS, cn}}, false, is_ca};
+  return issuer == nullptr ? certgen::make_self_signed(wanted) : certgen::make_signed(wanted, *issuer);
 }
 
 struct Exchange {
