@@ -1,5 +1,4 @@
-// Knobs and records of the substitute services. A test program compiles in only the fakes it
-// needs; their C symbols then take the place of the host services.
+// Knobs and records of the substitute services; a test program compiles in the ones it needs.
 #pragma once
 
 #include <cstddef>
@@ -8,12 +7,9 @@
 
 namespace kora::fake {
 
-// Key service. Sealing puts "FKSL" in front of the bytes (no cryptography); unsealing
-// refuses input without it.
+// Key service: sealing puts "FKSL" in front of the bytes, unsealing refuses input without it.
 enum class Generate { kOk, kFail, kNullBlob };  // kOk: 32 bytes 0xA0, 0xA1, ...
-// kFailWithOutput returns -1 but leaves a heap buffer for the caller to free; kNoOutput returns
-// 0 with a null buffer.
-enum class Crypt { kOk, kFail, kFailWithOutput, kNoOutput };
+enum class Crypt { kOk, kFail, kNoOutput };     // kNoOutput: 0 with a null buffer
 inline constexpr size_t kBlobLength = 32;
 extern Generate generate;
 extern Crypt seal, unseal;
@@ -25,11 +21,7 @@ extern int stat_rc;           // when not 1, efs_stat returns it whatever is on 
 extern std::vector<std::string> put_paths;
 extern std::vector<int> put_flags;  // oflag and mode of every put
 
-// Random number service: the next call returns this when non-zero.
-extern int random_fail_rc;
-
-// Mutex shim that records every call: the result of each release is 0 (released) or 1
-// (nothing held, tolerated).
+// Mutex shim: lock count, and the result of every release (1: nothing held, tolerated).
 extern int lock_count;
 extern std::vector<int> unlock_results;
 

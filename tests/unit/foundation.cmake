@@ -8,6 +8,6 @@ endforeach()
 kora_add_gtest(test_ssl_store_init SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_init.cpp ${KORA_FAKES}/fake_km.cpp
   LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
 kora_add_gtest(test_ssl_store_keyblob SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_keyblob.cpp
-  ${KORA_FAKES}/fake_km.cpp ${KORA_FAKES}/fake_efs.cpp ${KORA_FAKES}/fake_random.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
+  ${KORA_FAKES}/fake_km.cpp ${KORA_FAKES}/fake_efs.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
 kora_add_gtest(test_ssl_store_seal_faults SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_seal_faults.cpp
   ${KORA_FAKES}/fake_km.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)

@@ -5,12 +5,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <future>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "kora_net_ssl.h"
@@ -54,18 +50,6 @@ inline std::string psk_table(const std::vector<std::pair<std::string, std::strin
     t += be16(identity.size()) + identity + be16(key.size()) + key;
   }
   return t;
-}
-
-// True when another thread can take and release ssl_mutex within a second.
-inline bool store_lock_is_free() {
-  auto done = std::make_shared<std::promise<void>>();
-  auto result = done->get_future();
-  std::thread([done] {
-    ivra_mutex_lock(&ssl_mutex);
-    ivra_mutex_unlock(&ssl_mutex);
-    done->set_value();
-  }).detach();
-  return result.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
 }
 
 }  // namespace kora::test

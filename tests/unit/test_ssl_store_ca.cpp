@@ -15,6 +15,7 @@ namespace {
 enum class Stored { kNone, kPemPair, kDer, kPskLoaded };
 
 struct CaRow {
+  const char* label;
   Stored stored;
   int status;
   const char* text;
@@ -22,6 +23,7 @@ struct CaRow {
   const char* removal;  // removal message expected, or null when no removal may be attempted
   int certs_in_store;
 };
+std::ostream& operator<<(std::ostream& os, const CaRow& r) { return os << r.label; }
 
 class CaListLoad : public LoadingTest, public ::testing::WithParamInterface<CaRow> {};
 
@@ -55,21 +57,15 @@ constexpr const char* kRemoved = "Temp file removed successfully\n";
 INSTANTIATE_TEST_SUITE_P(
     Rows, CaListLoad,
     ::testing::Values(
-        CaRow{Stored::kPskLoaded, -8,
+        CaRow{"PskLoaded", Stored::kPskLoaded, -8,
               "PSK key is not NULL. Don't support setting both certificate and PSK in SSL object\n", kHigh,
               nullptr, 0},
-        CaRow{Stored::kNone, -1, "ERROR: Reading ca_list info from cert loc failed!! \r\n", kError,
+        CaRow{"MissingFileStillTriesRemoval", Stored::kNone, -1,
+              "ERROR: Reading ca_list info from cert loc failed!! \r\n", kError,
               "Unable to delete the temp file\n", 0},
-        CaRow{Stored::kDer, -1, "CAList: Unable to retrieve the CAList\n", kHigh, kRemoved, 0},
-        CaRow{Stored::kPemPair, 0, kRemoved, kHigh, kRemoved, 2}));
-
-TEST_F(LoadingTest, CaListRefusesNullPathAndUnknownHandle) {
-  LogCapture log;
-  EXPECT_EQ(SSL_ca_list_load(hdl_, nullptr), -2);
-  EXPECT_TRUE(log.has("ca_list file path set is NULL\n", kError));
-  EXPECT_EQ(SSL_ca_list_load(0x7777, "/data/data_velto/.ssl/ca_lists/cas"), -2);
-  EXPECT_TRUE(log.has("Object context is NULL\n", kError));
-}
+        CaRow{"DerListRefused", Stored::kDer, -1, "CAList: Unable to retrieve the CAList\n", kHigh, kRemoved,
+              0},
+        CaRow{"PemListLoaded", Stored::kPemPair, 0, kRemoved, kHigh, kRemoved, 2}));
 
 }  // namespace
 }  // namespace kora::test

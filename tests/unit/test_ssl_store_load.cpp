@@ -1,7 +1,8 @@
-// Certificate and key loading, and the load entry's dispatch by kind.
+// Certificate and key loading through the load entry's dispatch by kind.
 #include <openssl/x509.h>
 
 #include <string>
+#include <tuple>
 
 #include "kora_certgen.h"
 #include "loading_fixture.h"
@@ -10,60 +11,68 @@
 namespace kora::test {
 namespace {
 
-enum class Enc { kNone, kPem, kDer };
-
-struct CertRow {
+struct LoadRow {
+  const char* label;
+  int type;
+  const char* name;   // stored: "pem" and "der" pairs, "mixed" (DER cert, PEM key), "nokey"; a CA list "pem"
   ssl_obj_hdl_t hdl;  // 1: the fixture's object
   bool psk_loaded;
-  Enc cert, key;
   int status;
-  const char* text;  // a message the call must log, at `mask`
+  const char* text;
   uint32_t mask;
-  bool cert_installed;
+  const char* recorded;  // name the object records afterwards
+  bool installed;        // the certificate is on the context afterwards
 };
+std::ostream& operator<<(std::ostream& os, const LoadRow& r) { return os << r.label; }
 
-class CertificateLoad : public LoadingTest, public ::testing::WithParamInterface<CertRow> {};
+class Load : public LoadingTest, public ::testing::WithParamInterface<LoadRow> {};
 
-TEST_P(CertificateLoad, ReturnsCodeLogsAndLeavesContext) {
-  const CertRow& row = GetParam();
+TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
+  const LoadRow& row = GetParam();
   const auto cred = certgen::make_self_signed({});
+  const std::string der = bytes_of(cred.cert_der());
+  for (const auto& [name, cert, key] : {std::make_tuple("pem", cred.cert_pem(), cred.key_pem()),
+                                        std::make_tuple("der", der, bytes_of(cred.key_der())),
+                                        std::make_tuple("mixed", der, cred.key_pem())}) {
+    put(name, KORA_NET_SSL_CERTIFICATE_E, cert);
+    put(name, KORA_NET_SSL_CERTIFICATE_E, key, true);
+  }
+  put("nokey", KORA_NET_SSL_CERTIFICATE_E, cred.cert_pem());
+  put("pem", KORA_NET_SSL_CA_LIST_E, cred.cert_pem());
   if (row.psk_loaded) {
     put("p", KORA_NET_SSL_PSK_TABLE_E, psk_table({{"id", "k"}}));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "p"), 0);
   }
-  if (row.cert != Enc::kNone) {
-    put("dev", KORA_NET_SSL_CERTIFICATE_E,
-        row.cert == Enc::kPem ? cred.cert_pem() : bytes_of(cred.cert_der()));
-  }
-  if (row.key != Enc::kNone) {
-    put("dev", KORA_NET_SSL_CERTIFICATE_E, row.key == Enc::kPem ? cred.key_pem() : bytes_of(cred.key_der()),
-        true);
-  }
   LogCapture log;
-  EXPECT_EQ(SSL_certificate_load(row.hdl == 1 ? hdl_ : row.hdl, "/data/data_velto/.ssl/certs/dev",
-                                 "/data/data_velto/.ssl/private_keys/dev"),
-            row.status);
+  EXPECT_EQ(
+      SSL_cert_load(row.hdl == 1 ? hdl_ : row.hdl, static_cast<kora_Net_SSL_Cert_Type_t>(row.type), row.name),
+      row.status);
   EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
-  EXPECT_EQ(log.count("ERROR: Reading certificate info from cert loc failed!! \r\n"),
-            0u);  // no file looked at
+  EXPECT_EQ(ssl_mutex.held, 0);
+  EXPECT_STREQ(record().cert, row.recorded);
   X509* installed = SSL_CTX_get0_certificate(ctx_);
-  EXPECT_EQ(installed != nullptr && X509_cmp(installed, cred.cert.get()) == 0, row.cert_installed);
+  EXPECT_EQ(installed != nullptr && X509_cmp(installed, cred.cert.get()) == 0, row.installed);
 }
 
 constexpr uint32_t E = kError, H = kHigh;
 INSTANTIATE_TEST_SUITE_P(
-    Rows, CertificateLoad,
+    Rows, Load,
     ::testing::Values(
-        CertRow{0, false, Enc::kPem, Enc::kPem, -1,
-                "File path parameters are invalid or obj handle passed is NULL\n", E, false},
-        CertRow{0x7777, false, Enc::kPem, Enc::kPem, -2, "SSL object context is NULL\n", E, false},
-        CertRow{1, true, Enc::kNone, Enc::kNone, -8,
-                "PSK key is set. Setting both certificate and PSK is not supported\n", H, false},
-        CertRow{1, false, Enc::kPem, Enc::kNone, -1,
-                "ERROR: Reading private key info from cert loc failed!! \r\n", E, true},
-        CertRow{1, false, Enc::kDer, Enc::kPem, -1, "Failed to set the private key \n", E, true},
-        CertRow{1, false, Enc::kPem, Enc::kPem, 0, "Current certificate is in PEM format \n", H, true},
-        CertRow{1, false, Enc::kDer, Enc::kDer, 0, "Current certificate is in DER format\n", H, true}));
+        LoadRow{"NullName", 1, nullptr, 0, false, -2, "Invalid file name \n", E, "", false},
+        LoadRow{"TypeFive", 5, "pem", 1, false, -1,
+                "SSL_cert_load:Invalid abs path for the file name:pem type:5 \n", E, "", false},
+        LoadRow{"DeviceIdentityRefused", 4, "pem", 1, false, -2, "Invalid Cert Type: 4", H, "", false},
+        LoadRow{"ZeroHandleReachesLoader", 1, "pem", 0, false, -1,
+                "File path parameters are invalid or obj handle passed is NULL\n", E, "", false},
+        LoadRow{"PskLoaded", 1, "pem", 1, true, -8,
+                "PSK key is set. Setting both certificate and PSK is not supported\n", H, "p", false},
+        LoadRow{"MissingKeyKeepsCert", 1, "nokey", 1, false, -1,
+                "ERROR: Reading private key info from cert loc failed!! \r\n", E, "", true},
+        LoadRow{"DerCertPemKeyKeepsCert", 1, "mixed", 1, false, -1, "Failed to set the private key \n", E, "",
+                true},
+        LoadRow{"PemPair", 1, "pem", 1, false, 0, "Current certificate is in PEM format \n", H, "pem", true},
+        LoadRow{"DerPair", 1, "der", 1, false, 0, "Current certificate is in DER format\n", H, "der", true},
+        LoadRow{"CaList", 2, "pem", 1, false, 0, "Temp file removed successfully\n", H, "", false}));
 
 // The format test sees the size cut to 16 bits; the decoder must still get the whole file.
 TEST_F(LoadingTest, PemCertificateLargerThan64KiBLoads) {
@@ -78,47 +87,6 @@ TEST_F(LoadingTest, PemCertificateLargerThan64KiBLoads) {
   EXPECT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CERTIFICATE_E, "big"), 0);
   EXPECT_EQ(X509_cmp(SSL_CTX_get0_certificate(ctx_), cred.cert.get()), 0);
 }
-
-struct DispatchRow {
-  int type;
-  const char* name;  // "dev" names a stored certificate with key, and a CA list
-  bool zero_handle;
-  int status;
-  const char* text;
-  uint32_t mask;
-  const char* recorded;  // name the object records afterwards
-};
-
-class Dispatch : public LoadingTest, public ::testing::WithParamInterface<DispatchRow> {};
-
-TEST_P(Dispatch, ReturnsCodeLogsAndReleasesLock) {
-  const DispatchRow& row = GetParam();
-  const auto cred = certgen::make_self_signed({});
-  put("dev", KORA_NET_SSL_CERTIFICATE_E, cred.cert_pem());
-  put("dev", KORA_NET_SSL_CERTIFICATE_E, cred.key_pem(), true);
-  put("nokey", KORA_NET_SSL_CERTIFICATE_E, cred.cert_pem());
-  put("dev", KORA_NET_SSL_CA_LIST_E, cred.cert_pem());
-  LogCapture log;
-  EXPECT_EQ(
-      SSL_cert_load(row.zero_handle ? 0 : hdl_, static_cast<kora_Net_SSL_Cert_Type_t>(row.type), row.name),
-      row.status);
-  EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
-  EXPECT_TRUE(store_lock_is_free());
-  EXPECT_STREQ(record().cert, row.recorded);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Dispatch,
-    ::testing::Values(DispatchRow{1, nullptr, true, -2, "Invalid file name \n", E, ""},
-                      DispatchRow{5, "dev", false, -1,
-                                  "SSL_cert_load:Invalid abs path for the file name:dev type:5 \n", E, ""},
-                      DispatchRow{4, "dev", false, -2, "Invalid Cert Type: 4", H, ""},
-                      DispatchRow{1, "dev", true, -1,
-                                  "File path parameters are invalid or obj handle passed is NULL\n", E, ""},
-                      DispatchRow{1, "nokey", false, -1,
-                                  "ERROR: Reading private key info from cert loc failed!! \r\n", E, ""},
-                      DispatchRow{1, "dev", false, 0, "Current certificate is in PEM format \n", H, "dev"},
-                      DispatchRow{2, "dev", false, 0, "Temp file removed successfully\n", H, ""}));
 
 }  // namespace
 }  // namespace kora::test

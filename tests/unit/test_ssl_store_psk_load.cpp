@@ -31,12 +31,14 @@ class PskTest : public LoadingTest {
 };
 
 struct WalkRow {
+  const char* label;
   Table table;
   const char* hint;
   unsigned max_id, max_psk, result;
   std::string identity, key;      // identity buffer (up to its first zero) and key returned
   std::vector<std::string> logs;  // in order, from the hint message on
 };
+std::ostream& operator<<(std::ostream& os, const WalkRow& r) { return os << r.label; }
 
 class Walk : public PskTest, public ::testing::WithParamInterface<WalkRow> {};
 
@@ -52,43 +54,30 @@ TEST_P(Walk, ChoosesEntryAndLogs) {
 }
 
 const std::string kKey256(256, 'K');
+WalkRow W(const char* label, Table table, const char* hint, unsigned max_id, unsigned max_psk,
+          unsigned result, const char* identity, std::string key, std::vector<std::string> logs) {
+  return {label, std::move(table), hint, max_id, max_psk, result, identity, std::move(key), std::move(logs)};
+}
+
 const char* const kNullHint = "NULL received PSK identity hint, continuing anyway\n";
 INSTANTIATE_TEST_SUITE_P(
     Rows, Walk,
     ::testing::Values(
-        WalkRow{{{"longer-id", "k1"}, {"id2", "k2"}},
-                nullptr,
-                4,
-                64,
-                2,
-                "id2",
-                "k2",
-                {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
-                 "created identity 'id2'\n"}},
-        WalkRow{{{"abcdef", "k1"}},
-                "abcdef",
-                4,
-                64,
-                0,
-                "",
-                "",
-                {"Received PSK identity hint 'abcdef'\n",
-                 "Max identify size from openssl:4 > identify size of UE:6, can't use"}},
-        WalkRow{{{"abc", "k1"}}, "ab", 16, 64, 0, "", "", {"Received PSK identity hint 'ab'\n"}},
-        WalkRow{
-            {{"id", kKey256}}, nullptr, 16, 256, 256, "id", kKey256, {kNullHint, "created identity 'id'\n"}},
+        W("NullHintTakesFirstThatFits", {{"longer-id", "k1"}, {"id2", "k2"}}, nullptr, 4, 64, 2, "id2", "k2",
+          {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
+           "created identity 'id2'\n"}),
+        W("MatchingButTooLongIsSkipped", {{"abcdef", "k1"}}, "abcdef", 4, 64, 0, "", "",
+          {"Received PSK identity hint 'abcdef'\n",
+           "Max identify size from openssl:4 > identify size of UE:6, can't use"}),
+        W("HintPrefixDoesNotMatch", {{"abc", "k1"}}, "ab", 16, 64, 0, "", "",
+          {"Received PSK identity hint 'ab'\n"}),
+        W("KeyFillingRoomAccepted", {{"id", kKey256}}, nullptr, 16, 256, 256, "id", kKey256,
+          {kNullHint, "created identity 'id'\n"}),
         // After a key too big for the room the cursor stays on its length field: the next pass reads
         // 00 05 as an identity length, the key bytes as identity, and the next entry's identity as key.
-        WalkRow{
-            {{"a", "ABCDE"}, {"bb", "k2"}},
-            nullptr,
-            16,
-            4,
-            2,
-            "ABCDE",
-            "bb",
-            {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
-             "created identity 'ABCDE'\n"}}));
+        W("MisalignedWalkAfterTooBigKey", {{"a", "ABCDE"}, {"bb", "k2"}}, nullptr, 16, 4, 2, "ABCDE", "bb",
+          {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
+           "created identity 'ABCDE'\n"})));
 
 TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   install({{"one", "11"}});
