@@ -21,8 +21,7 @@ extern int stat_rc;           // when not 1, efs_stat returns it whatever is on 
 extern std::vector<std::string> put_paths;
 extern std::vector<int> put_flags;  // oflag and mode of every put
 
-// Mutex shim: lock count, and the result of every release (1: nothing held, tolerated).
-extern int lock_count;
+// Mutex shim: the result of every release (1: nothing held, tolerated).
 extern std::vector<int> unlock_results;
 
 }  // namespace kora::fake

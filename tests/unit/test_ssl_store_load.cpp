@@ -14,7 +14,7 @@ namespace {
 struct LoadRow {
   const char* label;
   int type;
-  const char* name;   // stored: "pem" and "der" pairs, "mixed" (DER cert, PEM key), "nokey"; a CA list "pem"
+  const char* name;   // stored: "pem" and "der" pairs, "mixed" (DER cert, PEM key), "nokey"
   ssl_obj_hdl_t hdl;  // 1: the fixture's object
   bool psk_loaded;
   int status;
@@ -38,7 +38,6 @@ TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
     put(name, KORA_NET_SSL_CERTIFICATE_E, key, true);
   }
   put("nokey", KORA_NET_SSL_CERTIFICATE_E, cred.cert_pem());
-  put("pem", KORA_NET_SSL_CA_LIST_E, cred.cert_pem());
   if (row.psk_loaded) {
     put("p", KORA_NET_SSL_PSK_TABLE_E, psk_table({{"id", "k"}}));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "p"), 0);
@@ -62,17 +61,15 @@ INSTANTIATE_TEST_SUITE_P(
         LoadRow{"TypeFive", 5, "pem", 1, false, -1,
                 "SSL_cert_load:Invalid abs path for the file name:pem type:5 \n", E, "", false},
         LoadRow{"DeviceIdentityRefused", 4, "pem", 1, false, -2, "Invalid Cert Type: 4", H, "", false},
-        LoadRow{"ZeroHandleReachesLoader", 1, "pem", 0, false, -1,
+        LoadRow{"ZeroHandle", 1, "pem", 0, false, -1,
                 "File path parameters are invalid or obj handle passed is NULL\n", E, "", false},
         LoadRow{"PskLoaded", 1, "pem", 1, true, -8,
                 "PSK key is set. Setting both certificate and PSK is not supported\n", H, "p", false},
         LoadRow{"MissingKeyKeepsCert", 1, "nokey", 1, false, -1,
                 "ERROR: Reading private key info from cert loc failed!! \r\n", E, "", true},
-        LoadRow{"DerCertPemKeyKeepsCert", 1, "mixed", 1, false, -1, "Failed to set the private key \n", E, "",
-                true},
+        LoadRow{"MixedKeepsCert", 1, "mixed", 1, false, -1, "Failed to set the private key \n", E, "", true},
         LoadRow{"PemPair", 1, "pem", 1, false, 0, "Current certificate is in PEM format \n", H, "pem", true},
-        LoadRow{"DerPair", 1, "der", 1, false, 0, "Current certificate is in DER format\n", H, "der", true},
-        LoadRow{"CaList", 2, "pem", 1, false, 0, "Temp file removed successfully\n", H, "", false}));
+        LoadRow{"DerPair", 1, "der", 1, false, 0, "Current certificate is in DER format\n", H, "der", true}));
 
 // The format test sees the size cut to 16 bits; the decoder must still get the whole file.
 TEST_F(LoadingTest, PemCertificateLargerThan64KiBLoads) {
