@@ -5,19 +5,14 @@
 #include "fs_public.h"
 
 namespace kora::fake {
-int fail_put_on_call = 0, stat_rc = 1;
+int fail_put_on_call = 0;
 std::vector<std::string> put_paths;
 std::vector<int> put_flags;
 }  // namespace kora::fake
 
 using namespace kora::fake;
 
-extern "C" int efs_stat(const char* path, fs_stat* buf) {
-  if (stat_rc != 1) {
-    return stat_rc;
-  }
-  return stat(path, buf) == 0 ? 0 : -1;
-}
+extern "C" int efs_stat(const char* path, fs_stat* buf) { return stat(path, buf) == 0 ? 0 : -1; }
 
 extern "C" int efs_put(const char* path, void* data, size_t length, int oflag, int mode) {
   put_paths.push_back(path);

@@ -7,8 +7,7 @@ namespace kora::fake {
 std::vector<int> unlock_results;
 }  // namespace kora::fake
 
-// Behaves like the host shim (owner-tracking, a release without a hold tolerated); the records
-// are changed under the mutex's own guard.
+// Behaves like the host shim (owner-tracking, a release without a hold tolerated).
 extern "C" int ivra_mutex_lock(ivra_mutex_t* m) {
   pthread_mutex_lock(&m->guard);
   while (m->held != 0) {

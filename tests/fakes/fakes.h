@@ -17,7 +17,6 @@ extern int generate_calls, crypt_calls;
 
 // Flash file service on real files.
 extern int fail_put_on_call;  // the n-th efs_put from now (1 = the next) returns -1
-extern int stat_rc;           // when not 1, efs_stat returns it whatever is on disk
 extern std::vector<std::string> put_paths;
 extern std::vector<int> put_flags;  // oflag and mode of every put
 

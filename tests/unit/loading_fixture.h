@@ -1,5 +1,3 @@
-// Shared set-up of the loading tests: an initialised store in the private root, one client SSL
-// object, credentials stored through the public store call.
 #pragma once
 
 #include <gtest/gtest.h>

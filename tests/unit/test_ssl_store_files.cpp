@@ -21,10 +21,6 @@ const std::string kDir = "/data/data_velto/", kSessions = "/data/data_velto/.ssl
 void put(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
 }
-std::string contents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 TEST(Files, ReadWholeFileOrLeaveOutputsAlone) {
@@ -82,7 +78,8 @@ TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
   ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
   EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
   EXPECT_TRUE(log.has("ssl_store_write_to_file: name or buffer_ptr or buffer size is NULL\n", kError));
-  EXPECT_EQ(bytes, contents(path));
+  std::ifstream in(path, std::ios::binary);
+  EXPECT_EQ(bytes, std::string(std::istreambuf_iterator<char>(in), {}));
   EXPECT_EQ(0, ssl_store_delete_file(path.c_str()));
   EXPECT_FALSE(exists(path));
   EXPECT_EQ(-1, ssl_store_delete_file(path.c_str()));

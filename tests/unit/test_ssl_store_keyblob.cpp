@@ -54,16 +54,11 @@ TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
   EXPECT_EQ(0, fake::generate_calls);
 }
 
-// A null blob from the service counts as success with no nonce and no files, and its length
-// stays behind; a later failed load frees nothing and leaves that length as it is.
-TEST_F(Keyblob, NullBlobIsSuccessAndItsLengthSurvives) {
+// A null blob from the service counts as success with no nonce and no files.
+TEST_F(Keyblob, NullBlobIsSuccess) {
   fake::generate = fake::Generate::kNullBlob;
   ASSERT_EQ(0, provide());
   EXPECT_TRUE(gp_ta_nonceBuf == nullptr && fake::put_paths.empty());
-  fake::stat_rc = 0;  // the blob file "exists" but cannot be read
-  EXPECT_EQ(-1, provide());
-  EXPECT_TRUE(log_.has("SSL_cert_store: Reading keyblob from EFS failed failed!", kora::test::kError));
-  EXPECT_EQ(fake::kBlobLength, g_keyblob_len);
 }
 
 struct FailureRow {

@@ -1,4 +1,3 @@
-// Certificate and key loading through the load entry's dispatch by kind.
 #include <openssl/x509.h>
 
 #include <string>

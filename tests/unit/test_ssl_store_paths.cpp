@@ -44,15 +44,16 @@ TEST_P(CertPath, ResolvesOrRefuses) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, CertPath,
-    testing::Values(
-        PathCase{"max63", k63, 1, 92, false, 0, kCerts + k63, nullptr, 0},
-        PathCase{"max63short", k63, 1, 91, false, -1, "", "Invalid EFS length", kError},
-        PathCase{"name64", std::string(64, 'n'), 1, 512, false, -1, "", "Invalid EFS length", kError},
-        PathCase{"keyTypeUnchecked", "k", 7, 512, true, 0, "/data/data_velto/.ssl/private_keys/k", nullptr,
-                 0},
-        PathCase{"type5", "x", 5, 512, false, -2, "", "SSL_cert_get_abs_path: Invalid type\n", kHigh}));
+INSTANTIATE_TEST_SUITE_P(Table, CertPath,
+                         testing::Values(PathCase{"max63", k63, 1, 92, false, 0, kCerts + k63, nullptr, 0},
+                                         PathCase{"max63short", k63, 1, 91, false, -1, "",
+                                                  "Invalid EFS length", kError},
+                                         PathCase{"name64", std::string(64, 'n'), 1, 512, false, -1, "",
+                                                  "Invalid EFS length", kError},
+                                         PathCase{"keyTypeUnchecked", "k", 7, 512, true, 0,
+                                                  "/data/data_velto/.ssl/private_keys/k", nullptr, 0},
+                                         PathCase{"type5", "x", 5, 512, false, -2, "",
+                                                  "SSL_cert_get_abs_path: Invalid type\n", kHigh}));
 
 TEST(Paths, SessionPathAndExistenceChecks) {
   kora::test::LogCapture log;

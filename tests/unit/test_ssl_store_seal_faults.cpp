@@ -1,11 +1,9 @@
-// Sealed files with a key service that can be made to fail.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "fakes.h"
 #include "log_capture.h"
@@ -62,12 +60,5 @@ INSTANTIATE_TEST_SUITE_P(
                           "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n"},
                     Fault{"NoPlainBytes", Crypt::kNoOutput, 3, "",
                           "SSL_cert_store:  Certificate decryption buffer is empty !\n"}));
-
-TEST(SealNoKey, WithoutKeyMaterialNothingIsTouched) {
-  kora::test::LogCapture log;
-  EXPECT_EQ(-1, ssl_store_cert_write_encrypt_to_file(kPath, "plain", 5));
-  EXPECT_EQ((std::vector<std::string>{"SSL_cert_store: Key blob is not available !\n"}), log.texts());
-  EXPECT_EQ(0, kora::fake::crypt_calls);
-}
 
 }  // namespace
