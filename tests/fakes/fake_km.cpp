@@ -18,8 +18,8 @@ extern "C" int ssl_KM_TA_crypto_services_generate_keyblob(uint8_t** keyblob, siz
     return -1;
   }
   *keyblob = generate == Generate::kNullBlob ? nullptr : static_cast<uint8_t*>(std::malloc(kBlobLength));
-  for (size_t i = 0; *keyblob != nullptr && i < kBlobLength; ++i) {
-    (*keyblob)[i] = static_cast<uint8_t>(0xA0 + i);
+  if (*keyblob != nullptr) {
+    std::memset(*keyblob, 0xA0, kBlobLength);
   }
   *keyblob_len = kBlobLength;
   return 0;

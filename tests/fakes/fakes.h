@@ -8,7 +8,7 @@
 namespace kora::fake {
 
 // Key service: sealing puts "FKSL" in front of the bytes, unsealing refuses input without it.
-enum class Generate { kOk, kFail, kNullBlob };  // kOk: 32 bytes 0xA0, 0xA1, ...
+enum class Generate { kOk, kFail, kNullBlob };  // kOk: 32 bytes 0xA0
 enum class Crypt { kOk, kFail, kNoOutput };     // kNoOutput: 0 with a null buffer
 inline constexpr size_t kBlobLength = 32;
 extern Generate generate;
@@ -16,9 +16,8 @@ extern Crypt seal, unseal;
 extern int generate_calls, crypt_calls;
 
 // Flash file service on real files.
-extern int fail_put_on_call;  // the n-th efs_put from now (1 = the next) returns -1
-extern std::vector<std::string> put_paths;
-extern std::vector<int> put_flags;  // oflag and mode of every put
+extern int fail_put_on_call;                // the n-th efs_put from now (1 = the next) returns -1
+extern std::vector<std::string> put_calls;  // "path oflag mode" of every put, in decimal
 
 // Mutex shim: the result of every release (1: nothing held, tolerated).
 extern std::vector<int> unlock_results;

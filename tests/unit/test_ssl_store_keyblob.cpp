@@ -13,13 +13,12 @@
 namespace {
 
 namespace fake = kora::fake;
-using Bytes = std::vector<uint8_t>;
 
 const std::string kBlobPath = "/data/data_velto/.ssl/keyblob/takey.blob";
 const std::string kNoncePath = "/data/data_velto/.ssl/keyblob/takey.nonce";
 const std::string kSuccess = "SSL_cert_store: Successfully genereated Keyblob";
 
-Bytes file_bytes(const std::string& path) {
+std::string file_bytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
@@ -34,15 +33,14 @@ class Keyblob : public testing::Test {
 TEST_F(Keyblob, FirstStartGeneratesAndStoresBothOnce) {
   ASSERT_EQ(0, provide());
   EXPECT_EQ((std::vector<std::string>{"Keyblob is generated", kSuccess}), log_.texts());
-  EXPECT_EQ((std::vector<std::string>{kBlobPath, kNoncePath}), fake::put_paths);
-  EXPECT_EQ((std::vector<int>{0x41, 0x1ff, 0x41, 0x1ff}), fake::put_flags);
+  EXPECT_EQ((std::vector<std::string>{kBlobPath + " 65 511", kNoncePath + " 65 511"}), fake::put_calls);
   ASSERT_EQ(fake::kBlobLength, g_keyblob_len);
-  EXPECT_EQ(Bytes(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len), file_bytes(kBlobPath));
-  EXPECT_EQ(Bytes(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), file_bytes(kNoncePath));
+  EXPECT_EQ(std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len), file_bytes(kBlobPath));
+  EXPECT_EQ(std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), file_bytes(kNoncePath));
   log_.clear();
   ASSERT_EQ(0, provide());  // already in memory: nothing is written again
   EXPECT_EQ((std::vector<std::string>{kSuccess}), log_.texts());
-  EXPECT_EQ(2u, fake::put_paths.size());
+  EXPECT_EQ(2u, fake::put_calls.size());
 }
 
 TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
@@ -58,7 +56,7 @@ TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
 TEST_F(Keyblob, NullBlobIsSuccess) {
   fake::generate = fake::Generate::kNullBlob;
   ASSERT_EQ(0, provide());
-  EXPECT_TRUE(gp_ta_nonceBuf == nullptr && fake::put_paths.empty());
+  EXPECT_TRUE(gp_ta_nonceBuf == nullptr && fake::put_calls.empty());
 }
 
 struct FailureRow {

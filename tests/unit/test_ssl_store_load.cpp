@@ -57,8 +57,6 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, Load,
     ::testing::Values(
         LoadRow{"NullName", 1, nullptr, 0, false, -2, "Invalid file name \n", E, "", false},
-        LoadRow{"TypeFive", 5, "pem", 1, false, -1,
-                "SSL_cert_load:Invalid abs path for the file name:pem type:5 \n", E, "", false},
         LoadRow{"DeviceIdentityRefused", 4, "pem", 1, false, -2, "Invalid Cert Type: 4", H, "", false},
         LoadRow{"ZeroHandle", 1, "pem", 0, false, -1,
                 "File path parameters are invalid or obj handle passed is NULL\n", E, "", false},

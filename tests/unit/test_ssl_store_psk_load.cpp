@@ -18,7 +18,7 @@ class PskTest : public LoadingTest {
     put("t", KORA_NET_SSL_PSK_TABLE_E, psk_table(table));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "t"), 0);
   }
-  // As OpenSSL calls it: identity one byte longer than declared; psk room followed by a sentinel.
+  // Identity one byte longer than declared, as OpenSSL passes it; a sentinel after the psk room.
   unsigned call(const char* hint, unsigned max_id, unsigned max_psk) {
     SslPtr ssl(SSL_new(ctx_));
     identity_.assign(max_id + 1, '\0');
