@@ -1,5 +1,5 @@
 // Storage tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file, a probe of ssl_mutex from another thread, and names for table-driven cases.
+// a stored file and a probe of ssl_mutex from another thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <thread>
 
@@ -23,11 +22,8 @@
 namespace kora::test {
 
 inline const std::string kStoreRoot = "/data/data_velto/.ssl/";
-inline const std::string kCerts = kStoreRoot + "certs/";
-inline const std::string kCaLists = kStoreRoot + "ca_lists/";
-inline const std::string kPskTables = kStoreRoot + "psk_table/";
-inline const std::string kSessions = kStoreRoot + "sessions/";
-inline const std::string kKindDirs[] = {"", kCerts, kCaLists, kPskTables, kStoreRoot + "di_certs/"};
+inline const std::string kCerts = kStoreRoot + "certs/", kCaLists = kStoreRoot + "ca_lists/";
+inline const std::string kPskTables = kStoreRoot + "psk_table/", kSessions = kStoreRoot + "sessions/";
 
 class StorageTest : public ::testing::Test {
  protected:
@@ -38,24 +34,14 @@ class StorageTest : public ::testing::Test {
   }
 };
 
-// Table-driven storage cases: every case struct has a `label`, which names the test.
-template <class Case>
-class StorageTable : public StorageTest, public ::testing::WithParamInterface<Case> {};
-template <class Case, class = decltype(Case::label)>
-std::ostream& operator<<(std::ostream& os, const Case& c) {
-  return os << c.label;
-}
-inline constexpr auto kCaseName = [](const auto& info) { return std::string(info.param.label); };
-
 inline bool file_exists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
 }
 
-inline void write_plain(const std::string& path, const std::string& content = "x") {
+inline void write_plain(const std::string& path) {
   std::FILE* f = std::fopen(path.c_str(), "wb");
   ASSERT_NE(f, nullptr) << path;
-  ASSERT_EQ(std::fwrite(content.data(), 1, content.size(), f), content.size());
   ASSERT_EQ(std::fclose(f), 0);
 }
 
@@ -69,13 +55,6 @@ inline std::optional<std::string> read_stored(const std::string& path) {
   std::string content(static_cast<const char*>(buffer), size);
   std::free(buffer);
   return content;
-}
-
-// The store's own message: exact text, level and subsystem id.
-inline void expect_message(const LoggedMessage& m, const std::string& text, uint32_t mask) {
-  EXPECT_EQ(m.text, text);
-  EXPECT_EQ(m.mask, mask) << text;
-  EXPECT_EQ(m.ss_id, 65) << text;
 }
 
 // True when another thread takes and releases ssl_mutex within one second. When it does not,

@@ -1,35 +1,25 @@
 // Listing stored names: the ten-name cap, what is skipped, what fails the whole listing, and
 // the lock and directory handle each path leaves behind.
-#include <dirent.h>
-
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <set>
 
 #include "storage_fixture.h"
 
 namespace kora::test {
 
-int open_descriptors() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  for (; readdir(dir) != nullptr; ++count) {
-  }
-  closedir(dir);
-  return count;
-}
+long open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-template <class Base>
-class ListBase : public Base {
+class ListTest : public StorageTest {
  protected:
   void SetUp() override {
-    Base::SetUp();
+    StorageTest::SetUp();
     std::memset(&list_, '#', sizeof list_);
   }
   bool untouched(int slot) const { return std::string(list_.name[slot], 64) == std::string(64, '#'); }
   kora_Net_SSL_Cert_List_t list_;
 };
-using ListTest = ListBase<StorageTest>;
 
 TEST_F(ListTest, ListsRegularFilesOfOneKindOnly) {
   EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list_), 0);
@@ -51,10 +41,10 @@ TEST_F(ListTest, TwelveStoredNamesAreCutToTen) {
   std::set<std::string> stored;
   for (int i = 0; i < 12; ++i) {
     const std::string name = "psk" + std::to_string(i);
-    stored.insert(name);
     ASSERT_EQ(SSL_cert_store(name.c_str(), KORA_NET_SSL_PSK_TABLE_E, "t", 1, false), 0);
+    stored.insert(name);
   }
-  const int before = open_descriptors();
+  const long before = open_descriptors();
   ASSERT_EQ(SSL_cert_name_list(KORA_NET_SSL_PSK_TABLE_E, &list_), 10);
   const std::set<std::string> listed(std::begin(list_.name), std::end(list_.name));
   EXPECT_EQ(listed.size(), 10u);
@@ -64,44 +54,29 @@ TEST_F(ListTest, TwelveStoredNamesAreCutToTen) {
 }
 
 // Refusals: result, message and level, and the directory handle left open (if any).
-struct RefusalCase {
-  const char* label;
-  int type;
-  bool null_list;
-  const char* setup;  // "name64": a 64-byte name file; "rmdir": no ca_lists directory
-  int expected;
-  std::string message;
-  uint32_t mask;
-  int left_open;
-};
-using ListRefusalTest = ListBase<StorageTable<RefusalCase>>;
-
-TEST_P(ListRefusalTest, RefusesWithItsCodeAndMessage) {
-  const RefusalCase& c = GetParam();
-  if (std::strcmp(c.setup, "name64") == 0) {
-    ASSERT_EQ(SSL_cert_store("a_valid_name", KORA_NET_SSL_CA_LIST_E, "c", 1, false), 0);
-    write_plain(kCaLists + std::string(64, 'z'));
-  } else if (std::strcmp(c.setup, "rmdir") == 0) {
-    ASSERT_EQ(::rmdir(kCaLists.c_str()), 0);
+TEST_F(ListTest, RefusesWithItsCodeAndMessage) {
+  ASSERT_EQ(SSL_cert_store("a_valid_name", KORA_NET_SSL_CA_LIST_E, "c", 1, false), 0);
+  write_plain(kCaLists + std::string(64, 'z'));
+  ASSERT_EQ(::rmdir((kStoreRoot + "di_certs/").c_str()), 0);
+  const struct {
+    int type;
+    kora_Net_SSL_Cert_List_t* list;
+    int expected;
+    const char* message;
+    uint32_t mask;
+    int left_open;
+  } cases[] = {{2, nullptr, -2, "Cert List is Null. \n", kError, 0},
+               {5, &list_, -2, "Invalid Cert Type: 5", kHigh, 0},
+               {4, &list_, -1, "Opening folder failed\n", kError, 0},
+               {2, &list_, -2, "SSL_cert_load KORA_ERR_INVALID_PARAM \n", kError, 1}};
+  for (const auto& c : cases) {
+    const long before = open_descriptors();
+    LogCapture log;
+    EXPECT_EQ(SSL_cert_name_list(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.list), c.expected);
+    EXPECT_TRUE(log.has(c.message, c.mask)) << c.message;
+    EXPECT_EQ(open_descriptors() - before, c.left_open) << c.message;
+    EXPECT_TRUE(store_lock_is_free());
   }
-  const int before = open_descriptors();
-  LogCapture log;
-  EXPECT_EQ(SSL_cert_name_list(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.null_list ? nullptr : &list_),
-            c.expected);
-  EXPECT_TRUE(log.has(c.message, c.mask)) << c.message;
-  EXPECT_EQ(open_descriptors() - before, c.left_open);
-  EXPECT_TRUE(store_lock_is_free());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Refusals, ListRefusalTest,
-    ::testing::Values(RefusalCase{"null_list", 2, true, "", -2, "Cert List is Null. \n", kError, 0},
-                      RefusalCase{"kind_0", 0, false, "", -2, "Invalid Cert Type: 0", kHigh, 0},
-                      RefusalCase{"kind_5", 5, false, "", -2, "Invalid Cert Type: 5", kHigh, 0},
-                      RefusalCase{"missing_directory", 2, false, "rmdir", -1, "Opening folder failed\n",
-                                  kError, 0},
-                      RefusalCase{"name_of_64_bytes", 2, false, "name64", -2,
-                                  "SSL_cert_load KORA_ERR_INVALID_PARAM \n", kError, 1}),
-    kCaseName);
 
 }  // namespace kora::test
