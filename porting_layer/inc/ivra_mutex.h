@@ -18,7 +18,8 @@ typedef struct {
   int held;
 } ivra_mutex_t;
 
-#define IVRA_MUTEX_INITIALIZER {PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0, 0}
+#define IVRA_MUTEX_INITIALIZER \
+  { PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0, 0 }
 
 /* 0 when taken; -1 for a null mutex. Waits while any thread holds it (the holder included). */
 int ivra_mutex_lock(ivra_mutex_t* mutex);

@@ -38,7 +38,7 @@ std::string build_root(const std::string& staging) {
       mkdir(target.c_str(), 0755);
       continue;
     }
-    struct stat st{};
+    struct stat st {};
     if (lstat(source.c_str(), &st) != 0) {
       continue;
     }
@@ -103,7 +103,7 @@ std::string enter_private_store_root() {
   if (getcwd(cwd, sizeof cwd) == nullptr) {
     return errno_text("getcwd");
   }
-  struct stat st{};
+  struct stat st {};
   if (stat("/data", &st) == 0 && S_ISDIR(st.st_mode)) {
     // The host has a /data: hide it behind a tmpfs in this namespace only.
     if (std::string why = mount_tmpfs("/data", "mode=0755"); !why.empty()) {

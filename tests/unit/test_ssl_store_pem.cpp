@@ -15,7 +15,8 @@ TEST(PemTest, ConvertsLikeOpenSslPemWriterIgnoringTrailingBytes) {
   BioPtr bio(BIO_new(BIO_s_mem()));
   PEM_write_bio_X509(bio.get(), cred.cert.get());
   char* data = nullptr;
-  const std::string expected(data, static_cast<size_t>(BIO_get_mem_data(bio.get(), &data)));
+  const long pem_len = BIO_get_mem_data(bio.get(), &data);  // fills data first
+  const std::string expected(data, static_cast<size_t>(pem_len));
   std::vector<uint8_t> der = cred.cert_der();
   der.insert(der.end(), 5, 0x30);
   uint8_t* pem = nullptr;
