@@ -27,7 +27,11 @@ std::string slurp(const std::string& path) {
 
 // The tool with the words of `command`; its stderr goes to `err_path`.
 std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {
+#ifdef KORA_CLI_LAUNCHER
+  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
+#else
   std::vector<std::string> argv = {KORA_CLI_PATH};
+#endif
   std::istringstream words(command);
   for (std::string w; words >> w;) {
     argv.push_back(w);

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,8 +43,18 @@ TEST(Files, ReadWholeFileOrLeaveOutputsAlone) {
   EXPECT_TRUE(buffer == &log && size == 7);
 }
 
-// The allocation failure keeps its file open. A child under an address-space limit makes the
-// 1 GiB allocation fail.
+// Leaves no free stretch of address space of 64 MiB or more. User-mode emulators ignore
+// RLIMIT_AS, and a 32-bit address space is quickly filled with inaccessible mappings.
+void fill_address_space() {
+  for (size_t size = size_t{1} << 30; size >= (size_t{64} << 20);) {
+    if (mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) == MAP_FAILED) {
+      size /= 2;
+    }
+  }
+}
+
+// The allocation failure keeps its file open. A child without 512 MiB of address space to spare
+// makes the 1 GiB allocation fail.
 TEST(Files, NoMemoryLeavesFileOpen) {
   const std::string path = kDir + "huge";
   const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0600);
@@ -52,8 +63,12 @@ TEST(Files, NoMemoryLeavesFileOpen) {
   const pid_t pid = fork();
   if (pid == 0) {
     kora::test::LogCapture log;
-    const rlimit limit{512u << 20, 512u << 20};
-    setrlimit(RLIMIT_AS, &limit);
+    if (sizeof(void*) == 4) {
+      fill_address_space();
+    } else {
+      const rlimit limit{512u << 20, 512u << 20};
+      setrlimit(RLIMIT_AS, &limit);
+    }
     void* buffer = nullptr;
     size_t size = 0;
     const int rc = ssl_store_read_from_file(path.c_str(), &buffer, &size);
