@@ -45,8 +45,12 @@ import sys
 runs = {}
 context = {}
 for path in sys.argv[1:3]:
-    with open(path) as f:
-        data = json.load(f)
+    # A program that a --benchmark_filter left without any benchmark writes an empty file.
+    try:
+        with open(path) as f:
+            data = json.load(f)
+    except (OSError, json.JSONDecodeError):
+        continue
     context = data.get("context", context)
     for b in data["benchmarks"]:
         if b.get("run_type") == "aggregate":

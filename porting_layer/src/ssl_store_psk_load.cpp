@@ -95,6 +95,8 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
     return 0;
   }
 
+  // The hint does not change during the walk; measured once, not per entry.
+  const size_t hint_len = hint != nullptr ? std::strlen(hint) : 0;
   uint16_t entrynum = read_be16(table + 2);
   const unsigned char* psk_ptr = table + 4;
   for (; entrynum > 0; --entrynum) {
@@ -111,8 +113,7 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
       psk_ptr = key + key_size;
       continue;
     }
-    if (hint != nullptr &&
-        (std::strlen(hint) != identify_size || std::memcmp(hint, identify, identify_size) != 0)) {
+    if (hint != nullptr && (hint_len != identify_size || std::memcmp(hint, identify, identify_size) != 0)) {
       psk_ptr = key + key_size;
       continue;
     }
