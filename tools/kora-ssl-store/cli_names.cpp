@@ -58,4 +58,16 @@ const Kind* find_kind(kora_Net_SSL_Cert_Type_t type) {
 
 std::string kind_words() { return "cert, ca, psk or di"; }
 
+std::string target_problem(const std::string& kind_word, const std::string& name, Kind* kind) {
+  const std::optional<Kind> found = parse_kind(kind_word);
+  if (!found) {
+    return "unknown kind '" + kind_word + "': use " + kind_words();
+  }
+  if (const std::string why = name_problem(name); !why.empty()) {
+    return "refusing name '" + name + "': " + why;
+  }
+  *kind = *found;
+  return "";
+}
+
 }  // namespace kora::cli

@@ -119,18 +119,15 @@ int run_put(const Args& args) {
   if (args.positional.size() < 2) {
     return usage_error("put needs KIND and NAME");
   }
-  const std::optional<Kind> kind = parse_kind(args.positional[0]);
-  if (!kind) {
-    return usage_error("unknown kind '" + args.positional[0] + "': use " + kind_words());
-  }
+  Kind kind{};
   const std::string& name = args.positional[1];
-  if (const std::string why = name_problem(name); !why.empty()) {
-    return usage_error("refusing name '" + name + "': " + why);
+  if (const std::string why = target_problem(args.positional[0], name, &kind); !why.empty()) {
+    return usage_error(why);
   }
-  if (kind->type == KORA_NET_SSL_CERTIFICATE_E) {
+  if (kind.type == KORA_NET_SSL_CERTIFICATE_E) {
     return put_cert(args, name);
   }
-  return put_file(args, *kind, name);
+  return put_file(args, kind, name);
 }
 
 }  // namespace kora::cli

@@ -13,29 +13,26 @@ int run_rm(const Args& args) {
   if (args.positional.size() != 2) {
     return usage_error("rm needs KIND and NAME");
   }
-  const std::optional<Kind> kind = parse_kind(args.positional[0]);
-  if (!kind) {
-    return usage_error("unknown kind '" + args.positional[0] + "': use " + kind_words());
-  }
+  Kind kind{};
   const std::string& name = args.positional[1];
-  if (const std::string why = name_problem(name); !why.empty()) {
-    return usage_error("refusing name '" + name + "': " + why);
+  if (const std::string why = target_problem(args.positional[0], name, &kind); !why.empty()) {
+    return usage_error(why);
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
-  if (Is_SSL_cert_file_exist(name.c_str(), kind->type) != KORA_OK) {
-    return fail(std::string("no ") + kind->title + " named '" + name + "' in the store");
+  if (Is_SSL_cert_file_exist(name.c_str(), kind.type) != KORA_OK) {
+    return fail(std::string("no ") + kind.title + " named '" + name + "' in the store");
   }
   diag_clear();
-  const int status = SSL_cert_store(name.c_str(), kind->type, nullptr, 0, false);
+  const int status = SSL_cert_store(name.c_str(), kind.type, nullptr, 0, false);
   if (status != KORA_OK) {
-    if (kind->type == KORA_NET_SSL_CERTIFICATE_E) {
+    if (kind.type == KORA_NET_SSL_CERTIFICATE_E) {
       return fail_store("certificate '" + name + "' removed, but removing its private key failed", status);
     }
-    return fail_store(std::string("removing ") + kind->title + " '" + name + "' failed", status);
+    return fail_store(std::string("removing ") + kind.title + " '" + name + "' failed", status);
   }
-  std::printf("removed %s '%s'\n", kind->title, name.c_str());
+  std::printf("removed %s '%s'\n", kind.title, name.c_str());
   return kExitOk;
 }
 
