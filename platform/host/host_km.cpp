@@ -58,13 +58,6 @@ struct PlainBuffer {
   }
 };
 
-int close_keep_errno(int fd) {
-  const int saved = errno;
-  const int rc = ::close(fd);
-  errno = saved;
-  return rc;
-}
-
 bool write_all(int fd, const uint8_t* p, size_t n) {
   while (n > 0) {
     const ssize_t w = ::write(fd, p, n);
@@ -127,7 +120,7 @@ Result create_root_key(const std::string& path) {
   }
   const bool written =
       ::fchmod(fd, 0600) == 0 && write_all(fd, key.bytes, sizeof key.bytes) && ::fsync(fd) == 0;
-  if (close_keep_errno(fd) != 0 || !written) {
+  if (::close(fd) != 0 || !written) {
     (void)::unlink(tmp.c_str());
     return kErrRootKey;
   }
@@ -153,7 +146,7 @@ Result load_root_key(Secret<kRootKeyLen>& key) {
   }
   struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != static_cast<off_t>(kRootKeyLen)) {
-    (void)close_keep_errno(fd);
+    (void)::close(fd);
     return kErrRootKey;
   }
   // One byte more than expected, to notice a file that grew after fstat.
@@ -169,7 +162,7 @@ Result load_root_key(Secret<kRootKeyLen>& key) {
     }
     got += static_cast<size_t>(r);
   }
-  (void)close_keep_errno(fd);
+  (void)::close(fd);
   const bool ok = got == kRootKeyLen;
   if (ok) {
     std::memcpy(key.bytes, buf, kRootKeyLen);
@@ -225,13 +218,19 @@ Result unwrap_data_key(const uint8_t* keyblob, size_t keyblob_len, Secret<kDataK
   return kOk;
 }
 
-// Associated data of every seal: the format version and the caller's nonce.
-bool add_aad(EVP_CIPHER_CTX* ctx, const uint8_t* nonce) {
+// Sets ctx up for AES-256-GCM under key and iv (encrypt = seal, else unseal) and binds the
+// associated data of every seal: the format version and the caller's nonce.
+bool start_gcm(EVP_CIPHER_CTX* ctx, const uint8_t* key, const uint8_t* iv, const uint8_t* nonce,
+               bool encrypt) {
+  const int enc = encrypt ? 1 : 0;
   uint8_t aad[1 + kNonceLen];
   aad[0] = kSealVersion;
   std::memcpy(aad + 1, nonce, kNonceLen);
   int n = 0;
-  return EVP_CipherUpdate(ctx, nullptr, &n, aad, static_cast<int>(sizeof aad)) == 1;
+  return EVP_CipherInit_ex(ctx, EVP_aes_256_gcm(), nullptr, nullptr, nullptr, enc) == 1 &&
+         EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(kIvLen), nullptr) == 1 &&
+         EVP_CipherInit_ex(ctx, nullptr, nullptr, key, iv, enc) == 1 &&
+         EVP_CipherUpdate(ctx, nullptr, &n, aad, static_cast<int>(sizeof aad)) == 1;
 }
 
 Result seal(const uint8_t* key, const uint8_t* nonce, const uint8_t* in, size_t in_len, void** out,
@@ -254,12 +253,10 @@ Result seal(const uint8_t* key, const uint8_t* nonce, const uint8_t* in, size_t 
   if (!ctx) {
     return kErrNoMemory;
   }
-  int n = 0;
-  if (EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(kIvLen), nullptr) != 1 ||
-      EVP_EncryptInit_ex(ctx.get(), nullptr, nullptr, key, iv) != 1 || !add_aad(ctx.get(), nonce)) {
+  if (!start_gcm(ctx.get(), key, iv, nonce, true)) {
     return kErrCrypto;
   }
+  int n = 0;
   if (in_len > 0 && (EVP_EncryptUpdate(ctx.get(), ct, &n, in, static_cast<int>(in_len)) != 1 ||
                      static_cast<size_t>(n) != in_len)) {
     return kErrCrypto;
@@ -276,10 +273,7 @@ Result seal(const uint8_t* key, const uint8_t* nonce, const uint8_t* in, size_t 
 
 Result unseal(const uint8_t* key, const uint8_t* nonce, const uint8_t* in, size_t in_len, void** out,
               size_t* out_len) {
-  if (in_len < kSealOverhead) {
-    return kErrFormat;
-  }
-  if (in[0] != kSealVersion) {
+  if (in_len < kSealOverhead || in[0] != kSealVersion) {
     return kErrFormat;
   }
   const size_t plain_len = in_len - kSealOverhead;
@@ -299,12 +293,10 @@ Result unseal(const uint8_t* key, const uint8_t* nonce, const uint8_t* in, size_
   if (!ctx) {
     return kErrNoMemory;
   }
-  int n = 0;
-  if (EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(kIvLen), nullptr) != 1 ||
-      EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key, iv) != 1 || !add_aad(ctx.get(), nonce)) {
+  if (!start_gcm(ctx.get(), key, iv, nonce, false)) {
     return kErrCrypto;
   }
+  int n = 0;
   if (plain_len > 0 && (EVP_DecryptUpdate(ctx.get(), plain.data, &n, ct, static_cast<int>(plain_len)) != 1 ||
                         static_cast<size_t>(n) != plain_len)) {
     return kErrCrypto;
