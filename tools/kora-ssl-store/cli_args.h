@@ -14,7 +14,6 @@ struct OptionSpec {
 };
 
 struct Args {
-  std::string command;                        // "put", "ls", ...
   std::vector<std::string> positional;        // words after the command
   std::map<std::string, std::string> values;  // "--cert" -> "dev.pem"
   std::set<std::string> flags;                // "--tls1.3"

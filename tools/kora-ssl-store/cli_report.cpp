@@ -1,8 +1,6 @@
 // Diagnostic sink and failure lines.
 #include "cli_report.h"
 
-#include <openssl/err.h>
-
 #include <cstdio>
 #include <mutex>
 
@@ -133,16 +131,6 @@ const char* status_name(int status) {
     default:
       return "unknown";
   }
-}
-
-std::string openssl_reason() {
-  const unsigned long err = ERR_peek_last_error();
-  ERR_clear_error();
-  if (err == 0) {
-    return std::string();
-  }
-  const char* reason = ERR_reason_error_string(err);
-  return reason != nullptr ? reason : "OpenSSL error " + std::to_string(err);
 }
 
 }  // namespace kora::cli

@@ -29,7 +29,5 @@ int usage_error(const std::string& what);
 
 // "KORA_ERROR", "KORA_ERR_INVALID_PARAM", ...; "unknown" for other values.
 const char* status_name(int status);
-// The reason of the newest OpenSSL error of this thread (the queue is cleared), or "".
-std::string openssl_reason();
 
 }  // namespace kora::cli

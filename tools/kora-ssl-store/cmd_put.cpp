@@ -1,4 +1,5 @@
 // put: seal and store one credential of a kind under a name.
+#include <openssl/err.h>
 #include <openssl/x509.h>
 
 #include <cstdio>
@@ -43,7 +44,7 @@ int put_cert(const Args& args, const std::string& name) {
     return fail(args.value("--key") + " holds no unencrypted private key (PEM or DER expected)");
   }
   if (X509_check_private_key(cert.get(), key.get()) != 1) {
-    openssl_reason();
+    ERR_clear_error();
     return fail(args.value("--key") + " is not the private key of the certificate in " +
                 args.value("--cert"));
   }

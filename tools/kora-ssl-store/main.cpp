@@ -39,7 +39,6 @@ int main(int argc, char** argv) {
   report_set_command(name);
 
   Args args;
-  args.command = name;
   std::string why;
   const std::vector<std::string> rest(words.begin() + static_cast<long>(i) + 1, words.end());
   if (!parse_args(rest, command->options, &args, &why)) {
