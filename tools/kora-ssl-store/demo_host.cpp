@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli_keys.h"
 #include "host_km.h"
 #include "ssl_store.h"
 
@@ -22,7 +23,6 @@ const char* const kStoreDirs[] = {
     "/data/data_velto/.ssl/psk_table/", "/data/data_velto/.ssl/private_keys/",
     "/data/data_velto/.ssl/sessions/",  "/data/data_velto/.ssl/keyblob/",
 };
-constexpr const char* kKeyBlobFile = "/data/data_velto/.ssl/keyblob/takey.blob";
 
 bool exists(const std::string& path) {
   struct stat st {};

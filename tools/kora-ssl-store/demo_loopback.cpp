@@ -1,6 +1,7 @@
 // Loopback handshakes: object-layer sides and a plain OpenSSL PSK server.
 #include "demo_loopback.h"
 
+#include <glib.h>
 #include <netinet/in.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -33,11 +34,6 @@ unsigned int psk_server_cb(SSL* ssl, const char* identity, unsigned char* psk, u
   }
   std::memcpy(psk, peer->key.data(), peer->key.size());
   return static_cast<unsigned int>(peer->key.size());
-}
-
-void copy_field(char* dst, size_t size, const char* src) {
-  std::strncpy(dst, src != nullptr ? src : "", size - 1);
-  dst[size - 1] = '\0';
 }
 
 }  // namespace
@@ -100,8 +96,8 @@ SideResult psk_server_side(const PskPeer& peer, int version, int fd) {
   }
   const int rc = SSL_accept(ssl.get());
   r.status = rc == 1 ? 0 : -1;
-  copy_field(r.info.protocol, sizeof(r.info.protocol), SSL_get_version(ssl.get()));
-  copy_field(r.info.cipher, sizeof(r.info.cipher), SSL_get_cipher_name(ssl.get()));
+  (void)g_strlcpy(r.info.protocol, SSL_get_version(ssl.get()), sizeof(r.info.protocol));
+  (void)g_strlcpy(r.info.cipher, SSL_get_cipher_name(ssl.get()), sizeof(r.info.cipher));
   r.info.verify_result = SSL_get_verify_result(ssl.get());
   r.have_info = true;
   if (rc == 1) {
