@@ -32,6 +32,18 @@ Socket::~Socket() {
   }
 }
 
+bool parse_port(const std::string& text, int* port, std::string* why) {
+  const bool digits =
+      !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos;
+  const int number = digits ? std::stoi(text) : 0;
+  if (number < 1 || number > 65535) {
+    *why = "port '" + text + "' is not a number from 1 to 65535";
+    return false;
+  }
+  *port = number;
+  return true;
+}
+
 bool split_host_port(const std::string& text, std::string* host, std::string* port, std::string* why) {
   size_t colon = std::string::npos;
   if (!text.empty() && text[0] == '[') {
@@ -51,12 +63,8 @@ bool split_host_port(const std::string& text, std::string* host, std::string* po
     *host = text.substr(0, colon);
   }
   *port = text.substr(colon + 1);
-  if (port->empty() || port->size() > 5 || port->find_first_not_of("0123456789") != std::string::npos ||
-      std::stol(*port) < 1 || std::stol(*port) > 65535) {
-    *why = "port '" + *port + "' is not a number from 1 to 65535";
-    return false;
-  }
-  return true;
+  int number = 0;
+  return parse_port(*port, &number, why);
 }
 
 bool is_ip_literal(const std::string& host) {

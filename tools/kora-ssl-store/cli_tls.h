@@ -44,6 +44,8 @@ class Socket {
   int fd_;
 };
 
+// A decimal port number from 1 to 65535. False with the reason in *why.
+bool parse_port(const std::string& text, int* port, std::string* why);
 // Splits "host:port" or "[v6addr]:port". False with the reason in *why.
 bool split_host_port(const std::string& text, std::string* host, std::string* port, std::string* why);
 // True when `host` is an IPv4 or IPv6 address literal rather than a name.

@@ -19,11 +19,10 @@ int run_serve(const Args& args) {
   if (args.positional.size() != 1) {
     return usage_error("serve needs PORT");
   }
-  const std::string& port_text = args.positional[0];
-  if (port_text.empty() || port_text.size() > 5 ||
-      port_text.find_first_not_of("0123456789") != std::string::npos || std::stoi(port_text) < 1 ||
-      std::stoi(port_text) > 65535) {
-    return usage_error("port '" + port_text + "' is not a number from 1 to 65535");
+  std::string why;
+  int port = 0;
+  if (!parse_port(args.positional[0], &port, &why)) {
+    return usage_error(why);
   }
   if (!args.has("--cert")) {
     return usage_error("serve needs --cert NAME: a server presents a certificate");
@@ -49,9 +48,8 @@ int run_serve(const Args& args) {
       return fail("requiring client certificates failed");
     }
   }
-  std::string why;
   int bound = 0;
-  Socket listener = tcp_listen("0.0.0.0", std::stoi(port_text), &bound, &why);
+  Socket listener = tcp_listen("0.0.0.0", port, &bound, &why);
   if (listener.fd() < 0) {
     return fail(why);
   }
