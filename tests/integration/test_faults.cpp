@@ -23,6 +23,7 @@
 
 #include "kora_certgen.h"
 #include "kora_net_ssl.h"
+#include "loading_fixture.h"
 #include "log_capture.h"
 #include "private_root.h"
 #include "ssl_store.h"
@@ -92,8 +93,8 @@ Credentials make_credentials(const std::string& cn) {
   auto pair = kora::certgen::make_self_signed(spec);
   spec.is_ca = true;
   auto ca = kora::certgen::make_self_signed(spec);
-  const std::string psk = std::string("\xB7\x00\x00\x01\x00\x02id\x00\x04", 10) + "\x01\x02\x03\x04";
-  return {pair.cert_pem(), pair.key_pem(), ca.cert_pem(), psk};
+  return {pair.cert_pem(), pair.key_pem(), ca.cert_pem(),
+          kora::test::psk_table({{"id", "\x01\x02\x03\x04"}})};
 }
 
 class FaultTest : public ::testing::Test {

@@ -16,13 +16,13 @@
 #include <random>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <unistd.h>
 
 #include "kora_certgen.h"
 #include "kora_net_ssl.h"
+#include "loading_fixture.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
 
@@ -33,14 +33,6 @@ constexpr int kOperations = 10000;
 // Far beyond a normal run even under valgrind or qemu; reaching it means a thread is stuck.
 constexpr auto kDeadline = std::chrono::seconds(540);
 const std::array<std::string, 3> kNames = {"alpha", "beta", "gamma"};
-
-std::string bytes_of(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
-// A binary PSK table as the store keeps it: magic, big-endian count, then entries.
-std::string psk_table(const std::string& identity, const std::string& key) {
-  auto be16 = [](size_t n) { return std::string{static_cast<char>(n >> 8), static_cast<char>(n & 0xff)}; };
-  return std::string("\xB7\x00", 2) + be16(1) + be16(identity.size()) + identity + be16(key.size()) + key;
-}
 
 // What may be stored under one name: one certificate and key pair (the two files are written
 // by separate calls, so a pair of different generations must never be possible), and two
@@ -63,12 +55,11 @@ struct Worker {
   std::vector<std::string> faults;
 };
 
-class StressTest : public ::testing::Test {
+// The loading fixture starts the store (and holds one object of its own, leaving nine).
+class StressTest : public kora::test::LoadingTest {
  protected:
   void SetUp() override {
-    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-    ::mkdir("/data/km", 0700);
-    ASSERT_EQ(ssl_store_init(), 0);
+    LoadingTest::SetUp();
     for (size_t i = 0; i < kNames.size(); ++i) {
       kora::certgen::CertSpec spec;
       spec.subject = {{"CN", kNames[i]}};
@@ -80,8 +71,8 @@ class StressTest : public ::testing::Test {
       content_[i].cert = i % 2 ? bytes_of(pair.cert_der()) : pair.cert_pem();
       content_[i].key = i % 2 ? bytes_of(pair.key_der()) : pair.key_pem();
       content_[i].ca = {ca_a.cert_pem(), ca_b.cert_pem()};
-      content_[i].psk = {psk_table("client-" + kNames[i], std::string(16, 'a')),
-                         psk_table("other-" + kNames[i], std::string(32, 'b'))};
+      content_[i].psk = {kora::test::psk_table({{"client-" + kNames[i], std::string(16, 'a')}}),
+                         kora::test::psk_table({{"other-" + kNames[i], std::string(32, 'b')}})};
     }
   }
 
