@@ -14,10 +14,8 @@ void LogCapture::sink(const msg_const_type* site, const char* text, void* user) 
   m.text = text != nullptr ? text : "";
   m.mask = site->desc.ss_mask;
   m.ss_id = site->desc.ss_id;
-  m.line = site->desc.line;
   m.fmt = site->fmt != nullptr ? site->fmt : "";
   m.fname = site->fname != nullptr ? site->fname : "";
-  m.site = site;
   const std::lock_guard<std::mutex> lock(self->mutex_);
   self->messages_.push_back(std::move(m));
 }

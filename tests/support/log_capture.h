@@ -14,10 +14,8 @@ struct LoggedMessage {
   std::string text;
   uint32_t mask = 0;  // 0x8 error, 0x4 high
   uint16_t ss_id = 0;
-  uint16_t line = 0;
   std::string fmt;
   std::string fname;
-  const msg_const_type* site = nullptr;
 };
 
 // Installs itself as the message sink for its lifetime (one at a time).
