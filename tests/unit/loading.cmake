@@ -5,4 +5,4 @@ foreach(area load ca psk_load)
     LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
 endforeach()
 kora_add_gtest(test_ssl_store_identity SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_identity.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/../fakes/fake_mutex_calls.cpp LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
+  ${KORA_FAKES}/fake_mutex_calls.cpp LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
