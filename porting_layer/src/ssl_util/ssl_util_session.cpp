@@ -103,7 +103,8 @@ session_store_t describe(const SSL_SESSION* session) {
 }
 
 // Writes the two files under the first free number. Called under ssl_mutex.
-int store_files(const char* name, const SSL_SESSION* session, char* chosen, size_t chosen_len) {
+int store_files(const char* name, const SSL_SESSION* session, const session_store_t& record, char* chosen,
+                size_t chosen_len) {
   const int der_len = i2d_SSL_SESSION(session, nullptr);
   if (der_len <= 0) {
     log_ssl_internal_error_impl(__func__, __LINE__);
@@ -112,7 +113,6 @@ int store_files(const char* name, const SSL_SESSION* session, char* chosen, size
   std::vector<uint8_t> der(static_cast<size_t>(der_len));
   uint8_t* cursor = der.data();
   (void)i2d_SSL_SESSION(session, &cursor);
-  const session_store_t record = describe(session);
 
   int status = -1;
   char timestamp[512];
@@ -122,11 +122,8 @@ int store_files(const char* name, const SSL_SESSION* session, char* chosen, size
       UTIL_LOG_ERROR("ssl_session_save: session path too long for %s\n", name);
       break;
     }
-    if (::access(timestamp, F_OK) == 0) {
-      continue;  // a stray timestamp keeps its number taken
-    }
-    if (::access(chosen, F_OK) == 0) {
-      continue;
+    if (::access(timestamp, F_OK) == 0 || ::access(chosen, F_OK) == 0) {
+      continue;  // either file, a stray one too, keeps its number taken
     }
     const int written = ssl_store_cert_write_encrypt_to_file(chosen, der.data(), der.size());
     if (written == 0 && write_file(timestamp, &record, sizeof record) == 0) {
@@ -159,10 +156,10 @@ int save(ssl_obj_hdl_t hdl, char* path, size_t path_len) {
     UTIL_LOG_ERROR("ssl_session_save: no resumable session on handle %u\n", hdl);
     return -1;
   }
+  const session_store_t record = describe(session.get());
   char chosen[sizeof rec.sess];
-  const int status = store_files(rec.cert, session.get(), chosen, sizeof chosen);
+  const int status = store_files(rec.cert, session.get(), record, chosen, sizeof chosen);
   if (status == 0) {
-    const session_store_t record = describe(session.get());
     (void)g_strlcpy(rec.sess, chosen, sizeof rec.sess);
     (void)g_strlcpy(rec.ciphersuite, record.ciphersuite, sizeof rec.ciphersuite);
     rec.protocol = record.protocol;
