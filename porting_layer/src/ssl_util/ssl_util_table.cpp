@@ -32,7 +32,7 @@ uint32_t next_handle() {
   }
 }
 
-SSL_CTX* new_context(ssl_obj_role_t role) {
+SslCtxPtr new_context(ssl_obj_role_t role) {
   SslCtxPtr ctx(SSL_CTX_new(role == SSL_OBJ_ROLE_SERVER ? TLS_server_method() : TLS_client_method()));
   if (!ctx) {
     UTIL_LOG_ERROR("ssl_obj_create: SSL_CTX_new failed\n");
@@ -45,7 +45,7 @@ SSL_CTX* new_context(ssl_obj_role_t role) {
   }
   // A client checks its server unless told otherwise; a server asks for no client certificate.
   SSL_CTX_set_verify(ctx.get(), role == SSL_OBJ_ROLE_CLIENT ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
-  return ctx.release();
+  return ctx;
 }
 
 }  // namespace
@@ -69,7 +69,7 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
     UTIL_LOG_ERROR("ssl_obj_create: invalid role or null handle pointer\n");
     return -2;
   }
-  SslCtxPtr ctx(new_context(role));
+  SslCtxPtr ctx = new_context(role);
   if (!ctx) {
     return -1;
   }
