@@ -25,7 +25,6 @@ struct SpawnAttr {
     if (posix_spawnattr_init(&attr) != 0) {
       return;
     }
-    ok = true;
     sigset_t none;
     sigset_t all;
     sigemptyset(&none);
