@@ -103,24 +103,32 @@ void BM_CertLoadStore(benchmark::State& state, const CertCase& c) {
   store_load(state, KORA_NET_SSL_CERTIFICATE_E, c.label);
 }
 
+// OpenSSL: `load` (true when it succeeded) onto a new client context per iteration.
+template <class Load>
+void baseline_load(benchmark::State& state, const char* error, const Load& load) {
+  for (auto _ : state) {
+    SslCtxPtr ctx(SSL_CTX_new(TLS_client_method()));
+    const auto t0 = Clock::now();
+    const bool ok = load(ctx.get());
+    const auto t1 = Clock::now();
+    ctx.reset();
+    if (!ok) {
+      state.SkipWithError(error);
+      break;
+    }
+    state.SetIterationTime(seconds_between(t0, t1));
+  }
+}
+
 void BM_CertLoadBaseline(benchmark::State& state, const CertCase& c) {
   prepare_cert_case(c);
   const std::string cert = plain_path(c.label, ".crt");
   const std::string key = plain_path(c.label, ".key");
   const int type = c.der ? SSL_FILETYPE_ASN1 : SSL_FILETYPE_PEM;
-  for (auto _ : state) {
-    SslCtxPtr ctx(SSL_CTX_new(TLS_client_method()));
-    const auto t0 = Clock::now();
-    const bool ok = SSL_CTX_use_certificate_file(ctx.get(), cert.c_str(), type) == 1 &&
-                    SSL_CTX_use_PrivateKey_file(ctx.get(), key.c_str(), type) == 1;
-    const auto t1 = Clock::now();
-    ctx.reset();
-    if (!ok) {
-      state.SkipWithError("OpenSSL file load failed");
-      break;
-    }
-    state.SetIterationTime(seconds_between(t0, t1));
-  }
+  baseline_load(state, "OpenSSL file load failed", [&](SSL_CTX* ctx) {
+    return SSL_CTX_use_certificate_file(ctx, cert.c_str(), type) == 1 &&
+           SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), type) == 1;
+  });
 }
 
 void BM_CaListStore(benchmark::State& state) {
@@ -131,18 +139,8 @@ void BM_CaListStore(benchmark::State& state) {
 void BM_CaListBaseline(benchmark::State& state) {
   prepare_ca_list();
   const std::string file = plain_path(kCaListName, ".pem");
-  for (auto _ : state) {
-    SslCtxPtr ctx(SSL_CTX_new(TLS_client_method()));
-    const auto t0 = Clock::now();
-    const bool ok = SSL_CTX_load_verify_locations(ctx.get(), file.c_str(), nullptr) == 1;
-    const auto t1 = Clock::now();
-    ctx.reset();
-    if (!ok) {
-      state.SkipWithError("SSL_CTX_load_verify_locations failed");
-      break;
-    }
-    state.SetIterationTime(seconds_between(t0, t1));
-  }
+  baseline_load(state, "SSL_CTX_load_verify_locations failed",
+                [&](SSL_CTX* ctx) { return SSL_CTX_load_verify_locations(ctx, file.c_str(), nullptr) == 1; });
 }
 
 const bool kRegistered = [] {

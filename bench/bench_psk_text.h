@@ -49,34 +49,27 @@ struct PskText {
   size_t entries = 0;
 };
 
-// A table of exactly `entries` lines.
-inline PskText psk_text_with_entries(size_t entries) {
+// Whole lines, one per identity in order, while there are fewer than `max_entries` and the
+// next line fits in `max_bytes` of text.
+inline PskText psk_text(size_t max_entries, size_t max_bytes) {
   PskText t;
-  for (size_t i = 0; i < entries; ++i) {
-    const std::string id = identity_of(i);
-    const std::string hex = hex_of(key_of(id));
-    t.text += id + ":" + hex + "\n";
-    t.digits += hex;
-  }
-  t.entries = entries;
-  return t;
-}
-
-// As many whole lines as fit in `bytes` of text.
-inline PskText psk_text_of_size(size_t bytes) {
-  PskText t;
-  for (size_t i = 0;; ++i) {
-    const std::string id = identity_of(i);
+  for (; t.entries < max_entries; ++t.entries) {
+    const std::string id = identity_of(t.entries);
     const std::string hex = hex_of(key_of(id));
     const std::string line = id + ":" + hex + "\n";
-    if (t.text.size() + line.size() > bytes) {
+    if (t.text.size() + line.size() > max_bytes) {
       break;
     }
     t.text += line;
     t.digits += hex;
-    ++t.entries;
   }
   return t;
 }
+
+// A table of exactly `entries` lines.
+inline PskText psk_text_with_entries(size_t entries) { return psk_text(entries, SIZE_MAX); }
+
+// As many whole lines as fit in `bytes` of text.
+inline PskText psk_text_of_size(size_t bytes) { return psk_text(SIZE_MAX, bytes); }
 
 }  // namespace kora::bench
