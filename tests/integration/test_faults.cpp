@@ -34,6 +34,7 @@ namespace {
 using kora::test::kError;
 using kora::test::kHigh;
 using kora::test::LogCapture;
+using std::filesystem::exists;
 
 const std::string kSsl = "/data/data_velto/.ssl/";
 const std::string kBlob = kSsl + "keyblob/takey.blob";
@@ -46,10 +47,6 @@ std::string slurp(const std::string& path) {
 }
 void spill(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 // Runs `body` in a forked child and returns its exit code (a store status comes back as its
