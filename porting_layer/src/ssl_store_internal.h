@@ -1,18 +1,12 @@
-// Shared inside the store module only: directory constants and the key material.
+// Shared inside the store module only: fixed paths, the directory of each kind and the key
+// material.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-namespace kora::store {
-
-// Directory of each kind; names are appended to them as they are.
-inline constexpr std::string_view kDataRoot = "/data/data_velto/";
-inline constexpr std::string_view kStoreRoot = "/data/data_velto/.ssl/";
-inline constexpr std::string_view kCaListTempFile = "/data/data_velto/.ssl/temp";
-
-}  // namespace kora::store
+#include "kora_net_ssl.h"
 
 extern "C" {
 extern const char* const g_ssl_cert_sub_folder_name_for_certs;
@@ -29,3 +23,18 @@ extern uint8_t* gp_tz_keyblob;
 extern size_t g_keyblob_len;
 extern uint8_t* gp_ta_nonceBuf;
 }
+
+namespace kora::store {
+
+// The data root, which must already exist, and the plain scratch file of CA list loading.
+inline constexpr std::string_view kDataRoot = "/data/data_velto/";
+inline constexpr std::string_view kCaListTempFile = "/data/data_velto/.ssl/temp";
+
+// The directory of a credential (ending in "/", NUL-terminated), or an empty view for a kind
+// outside 1..4. The key flag wins over the kind, which is then not looked at.
+std::string_view directory_for(kora_Net_SSL_Cert_Type_t type, bool key);
+
+// The nonce pointer is not part of the test.
+inline bool key_material_available() { return gp_tz_keyblob != nullptr && g_keyblob_len != 0; }
+
+}  // namespace kora::store

@@ -34,8 +34,6 @@ constexpr int kPutFlags = O_WRONLY | O_CREAT;
 constexpr int kPutMode = 0777;
 static_assert(kPutFlags == 0x41 && kPutMode == 0x1ff);
 
-bool key_material_available() { return gp_tz_keyblob != nullptr && g_keyblob_len != 0; }
-
 // Clean-up of every failure after the key blob was generated or while loading. The length
 // is reset only together with a non-null blob; a null blob leaves it as it was.
 int key_err(int status) {
@@ -101,7 +99,7 @@ int load() {
   g_keyblob_len = keyblob_len;
 
   void* nonce = nullptr;
-  // Dropped once read: a nonce file of any length is taken as it stands.
+  // A nonce file of any length is accepted; its length serves only the padding below.
   size_t nonce_len = kNonceLength;
   if (ssl_store_read_from_file(g_ssl_ta_keyblob_nonce_file_name, &nonce, &nonce_len) != 0) {
     STORE_LOG_ERROR("SSL_cert_store: Reading nonce from EFS failed failed!");

@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include <cstring>
+#include <string_view>
 
 #include "ivra_mutex.h"
 #include "kora_net_ssl.h"
@@ -18,22 +19,6 @@ constexpr int kPathBufferSize = 512;
 constexpr int kMaxListed = 10;
 constexpr size_t kNameSlotSize = sizeof(kora_Net_SSL_Cert_List_t{}.name[0]);
 
-// The kind's directory, or null for a kind outside 1..4. Private keys are never listed. The
-// kind is switched on as the plain integer C callers pass, which may lie outside the enum.
-const char* kind_directory(kora_Net_SSL_Cert_Type_t type) {
-  switch (static_cast<int>(type)) {
-    case KORA_NET_SSL_CERTIFICATE_E:
-      return g_ssl_cert_sub_folder_name_for_certs;
-    case KORA_NET_SSL_CA_LIST_E:
-      return g_ssl_cert_sub_folder_name_for_ca_lists;
-    case KORA_NET_SSL_PSK_TABLE_E:
-      return g_ssl_cert_sub_folder_name_for_psk_table;
-    case KORA_NET_SSL_DI_CERT_E:
-      return g_ssl_cert_sub_folder_name_for_di_certs;
-  }
-  return nullptr;
-}
-
 int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
   char file_path[kPathBufferSize];
   std::memset(file_path, 0, sizeof file_path);
@@ -44,13 +29,14 @@ int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
 
   ivra_mutex_lock(&ssl_mutex);
 
-  const char* directory = kind_directory(type);
-  if (directory == nullptr) {
+  // The kind's own directory: private keys are never listed.
+  const std::string_view directory = directory_for(type, false);
+  if (directory.empty()) {
     STORE_LOG_HIGH("Invalid Cert Type: %d", static_cast<int>(type));
     ivra_mutex_unlock(&ssl_mutex);
     return KORA_ERR_INVALID_PARAM;
   }
-  DIR* dirp = opendir(directory);
+  DIR* dirp = opendir(directory.data());
   if (dirp == nullptr) {
     STORE_LOG_ERROR("Opening folder failed\n");
     ivra_mutex_unlock(&ssl_mutex);

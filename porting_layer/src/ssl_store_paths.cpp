@@ -29,25 +29,6 @@ static_assert(kCertsDir.size() == 28 && kCaListsDir.size() == 31 && kPskTableDir
 // A name must be shorter than 64 characters.
 constexpr size_t kMaxNameLength = 63;
 
-// The directory of a credential, or an empty view for an invalid type. The key flag wins
-// over the type, which is then not looked at.
-std::string_view directory_for(kora_Net_SSL_Cert_Type_t type, bool key) {
-  if (key) {
-    return kPrivateKeysDir;
-  }
-  switch (type) {
-    case KORA_NET_SSL_CERTIFICATE_E:
-      return kCertsDir;
-    case KORA_NET_SSL_CA_LIST_E:
-      return kCaListsDir;
-    case KORA_NET_SSL_PSK_TABLE_E:
-      return kPskTableDir;
-    case KORA_NET_SSL_DI_CERT_E:
-      return kDiCertsDir;
-  }
-  return {};
-}
-
 // True when `name` fits behind `directory` in a buffer of max_len (signed, so a zero or
 // negative max_len refuses everything).
 bool fits(std::string_view directory, const char* name, int max_len) {
@@ -62,6 +43,24 @@ void append_to(std::string_view directory, const char* name, char* file_path, in
 
 }  // namespace
 
+std::string_view directory_for(kora_Net_SSL_Cert_Type_t type, bool key) {
+  if (key) {
+    return kPrivateKeysDir;
+  }
+  // Switched on as the plain integer C callers pass, which may lie outside the enum.
+  switch (static_cast<int>(type)) {
+    case KORA_NET_SSL_CERTIFICATE_E:
+      return kCertsDir;
+    case KORA_NET_SSL_CA_LIST_E:
+      return kCaListsDir;
+    case KORA_NET_SSL_PSK_TABLE_E:
+      return kPskTableDir;
+    case KORA_NET_SSL_DI_CERT_E:
+      return kDiCertsDir;
+  }
+  return {};
+}
+
 int file_exists(const char* fname) {
   if (fname == nullptr) {
     STORE_LOG_ERROR("File name is NULL\n");
@@ -73,7 +72,7 @@ int file_exists(const char* fname) {
   }
   // Written on every successful test; field logs are read for it.
   STORE_LOG_HIGH("Successfully opened the file in read mode\n");
-  std::fclose(file);
+  (void)std::fclose(file);
   return 1;
 }
 

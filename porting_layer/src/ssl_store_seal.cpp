@@ -9,11 +9,6 @@
 #include "ssl_store_log.h"
 
 namespace kora::store {
-namespace {
-
-bool key_material_available() { return gp_tz_keyblob != nullptr && g_keyblob_len != 0; }
-
-}  // namespace
 
 int seal_to_file(const char* name, const void* plain_data_buf_ptr, size_t plain_data_buf_size) {
   void* sealed_buf_ptr = nullptr;
