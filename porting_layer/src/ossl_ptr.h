@@ -23,14 +23,11 @@ struct Free {
 using BioPtr = std::unique_ptr<BIO, Free<&BIO_free>>;
 using X509Ptr = std::unique_ptr<X509, Free<&X509_free>>;
 using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, Free<&EVP_PKEY_free>>;
-using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Free<&EVP_PKEY_CTX_free>>;
 using EvpCipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, Free<&EVP_CIPHER_CTX_free>>;
 using SslCtxPtr = std::unique_ptr<SSL_CTX, Free<&SSL_CTX_free>>;
 using SslPtr = std::unique_ptr<SSL, Free<&SSL_free>>;
 using SslSessionPtr = std::unique_ptr<SSL_SESSION, Free<&SSL_SESSION_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, Free<&X509_NAME_free>>;
 using X509ExtPtr = std::unique_ptr<X509_EXTENSION, Free<&X509_EXTENSION_free>>;
 using GeneralNamesPtr = std::unique_ptr<GENERAL_NAMES, Free<&GENERAL_NAMES_free>>;
-using Asn1IntegerPtr = std::unique_ptr<ASN1_INTEGER, Free<&ASN1_INTEGER_free>>;
 
 }  // namespace kora
