@@ -1,9 +1,7 @@
+// Loading tests: the initialised store of the storage tests plus one client SSL object, and
+// the SSL object layer's record of that object.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -11,15 +9,17 @@
 #include "ossl_ptr.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
+#include "storage_fixture.h"
 
 namespace kora::test {
 
-class LoadingTest : public ::testing::Test {
+class LoadingTest : public StorageTest {
  protected:
   void SetUp() override {
-    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-    ::mkdir("/data/km", 0700);
-    ASSERT_EQ(ssl_store_init(), 0);
+    StorageTest::SetUp();
+    if (HasFatalFailure()) {
+      return;
+    }
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
     ctx_ = ssl_get_obj_context(hdl_);
   }
@@ -39,15 +39,5 @@ class LoadingTest : public ::testing::Test {
   ssl_obj_hdl_t hdl_ = 0;
   SSL_CTX* ctx_ = nullptr;
 };
-
-// A binary PSK table as the store keeps it: header with the big-endian count, then entries.
-inline std::string psk_table(const std::vector<std::pair<std::string, std::string>>& entries) {
-  auto be16 = [](size_t n) { return std::string{static_cast<char>(n >> 8), static_cast<char>(n & 0xff)}; };
-  std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
-  for (const auto& [identity, key] : entries) {
-    t += be16(identity.size()) + identity + be16(key.size()) + key;
-  }
-  return t;
-}
 
 }  // namespace kora::test

@@ -1,5 +1,5 @@
-// Storage tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file and a probe of ssl_mutex from another thread.
+// Store tests: an initialised store in the private root, file helpers, the unsealed content of
+// a stored file, the stored form of a PSK table and a probe of ssl_mutex from another thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,6 +13,8 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "kora_net_ssl.h"
 #include "log_capture.h"
@@ -55,6 +57,21 @@ inline std::optional<std::string> read_stored(const std::string& path) {
   std::string content(static_cast<const char*>(buffer), size);
   std::free(buffer);
   return content;
+}
+
+// A 16-bit value big-endian, as the stored PSK table holds its counts and lengths.
+inline std::string be16(size_t n) {
+  return {static_cast<char>((n >> 8) & 0xff), static_cast<char>(n & 0xff)};
+}
+
+// The stored form of (identity, key bytes) entries: header with the big-endian count (kept
+// modulo 65536), then the entries.
+inline std::string psk_table(const std::vector<std::pair<std::string, std::string>>& entries) {
+  std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
+  for (const auto& [identity, key] : entries) {
+    t += be16(identity.size()) + identity + be16(key.size()) + key;
+  }
+  return t;
 }
 
 // True when another thread takes and releases ssl_mutex within one second. When it does not,

@@ -11,17 +11,6 @@ namespace kora::test {
 const std::string kTablePath = kPskTables + "tbl";
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
-std::string be16(size_t n) { return {static_cast<char>((n >> 8) & 0xff), static_cast<char>(n & 0xff)}; }
-
-// The stored form of (identity, key bytes) entries; the count is kept modulo 65536.
-std::string table_of(const Entries& entries) {
-  std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
-  for (const auto& [identity, key] : entries) {
-    t += be16(identity.size()) + identity + be16(key.size()) + key;
-  }
-  return t;
-}
-
 int32_t parse(const std::string& text, const char* name = "tbl") {
   kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
                                  reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()))};
@@ -49,17 +38,17 @@ const std::string kId(65535, 'i'), kKey256(512, 'a'), kKey257(514, 'a'), kAs256(
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Texts, PskTextTest, ::testing::Values(
     TextCase{"one_entry", "id:00112233", 0, std::string("\xB7\0\0\x01\0\x02id\0\x04\x00\x11\x22\x33", 14)},
-    TextCase{"mixed_line_breaks", "a:0A\r\n\r\nb:ff\n", 0, table_of({{"a", "\x0a"}, {"b", "\xff"}})},
-    TextCase{"bar_quoted_identity_keeps_colon", "|x:y|:AB", 0, table_of({{"x:y", "\xab"}})},
-    TextCase{"bar_after_plain_bytes", "ab|cd:ef|:00", 0, table_of({{"abcd:ef", std::string(1, '\0')}})},
-    TextCase{"leading_line_break_is_identity", "\nid:01", 0, table_of({{"\nid", "\x01"}})},
-    TextCase{"key_of_256", "i:" + kKey256, 0, table_of({{"i", kAs256}})},
-    TextCase{"identity_of_65535", kId + ":01", 0, table_of({{kId, "\x01"}})},
+    TextCase{"mixed_line_breaks", "a:0A\r\n\r\nb:ff\n", 0, psk_table({{"a", "\x0a"}, {"b", "\xff"}})},
+    TextCase{"bar_quoted_identity_keeps_colon", "|x:y|:AB", 0, psk_table({{"x:y", "\xab"}})},
+    TextCase{"bar_after_plain_bytes", "ab|cd:ef|:00", 0, psk_table({{"abcd:ef", std::string(1, '\0')}})},
+    TextCase{"leading_line_break_is_identity", "\nid:01", 0, psk_table({{"\nid", "\x01"}})},
+    TextCase{"key_of_256", "i:" + kKey256, 0, psk_table({{"i", kAs256}})},
+    TextCase{"identity_of_65535", kId + ":01", 0, psk_table({{kId, "\x01"}})},
     // A lone last digit after complete bytes: the entry is kept with them, still -1.
-    TextCase{"odd_last_key_stored", "a:01\nid:012", -1, table_of({{"a", "\x01"}, {"id", "\x01"}})},
+    TextCase{"odd_last_key_stored", "a:01\nid:012", -1, psk_table({{"a", "\x01"}, {"id", "\x01"}})},
     // A malformed last key at the end: the uncounted entry's bytes trail the header, still -1.
     TextCase{"single_last_digit", "id:0", -1, std::string("\xB7\0\0\0\0\x02id\0\0", 10)},
-    TextCase{"key_of_257_at_end", "i:" + kKey257, -1, table_of({}) + be16(1) + "i" + be16(0) + kAs257},
+    TextCase{"key_of_257_at_end", "i:" + kKey257, -1, psk_table({}) + be16(1) + "i" + be16(0) + kAs257},
     TextCase{"identity_of_65536", kId + "i:01", -1, kNone},
     TextCase{"odd_key_then_line_break", "id:012\n", -1, kNone},
     TextCase{"empty_identity", ":01", -1, kNone}),
@@ -74,7 +63,7 @@ TEST_F(StorageTest, PskEntriesThatOutgrowTheirText) {
       text += "a:00\n";
     }
     EXPECT_EQ(parse(text), 0);
-    EXPECT_EQ(read_stored(kTablePath), table_of(Entries(count, {"a", std::string(1, '\0')}))) << count;
+    EXPECT_EQ(read_stored(kTablePath), psk_table(Entries(count, {"a", std::string(1, '\0')}))) << count;
   }
 }
 
