@@ -263,7 +263,7 @@ TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
   start();
   put_all("keep", make_credentials("keep"));
   const Credentials fresh = make_credentials("new");
-  ASSERT_EQ(kora::test::remount_read_only("/data/data_velto", true), "");
+  ASSERT_EQ(kora::test::remount_read_only("/data/data_velto"), "");
   ASSERT_NE(::access("/data/data_velto/.ssl/certs", W_OK), 0) << "the remount did not take";
 
   const int child = in_child([&] {

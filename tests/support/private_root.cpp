@@ -84,9 +84,8 @@ std::string mount_tmpfs(const std::string& path, const std::string& options) {
   return {};
 }
 
-std::string remount_read_only(const std::string& path, bool read_only) {
-  const unsigned long flags = MS_REMOUNT | (read_only ? static_cast<unsigned long>(MS_RDONLY) : 0UL);
-  if (mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0) {
+std::string remount_read_only(const std::string& path) {
+  if (mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
     return errno_text("remount " + path);
   }
   return {};

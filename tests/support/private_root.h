@@ -15,7 +15,7 @@ std::string enter_private_store_root();
 // exist; only inside the private namespace. Returns an empty string or the reason.
 std::string mount_tmpfs(const std::string& path, const std::string& options);
 
-// Remounts the tmpfs at `path` read-only (true) or read-write (false).
-std::string remount_read_only(const std::string& path, bool read_only);
+// Remounts the tmpfs at `path` read-only.
+std::string remount_read_only(const std::string& path);
 
 }  // namespace kora::test

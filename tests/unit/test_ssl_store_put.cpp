@@ -91,7 +91,7 @@ TEST_F(StorageTest, StoreRefusesArgumentsBeforeTakingTheLock) {
 TEST_F(StorageTest, AnotherThreadWaitsAfterAFailedWrite) {
   EXPECT_EXIT(
       {
-        if (!mount_tmpfs(kCerts, "size=64k").empty() || !remount_read_only(kCerts, true).empty()) {
+        if (!mount_tmpfs(kCerts, "size=64k").empty() || !remount_read_only(kCerts).empty()) {
           std::_Exit(3);
         }
         LogCapture log;
