@@ -10,13 +10,14 @@
 
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
 namespace {
 
-constexpr char kSessionSuffix[] = ".session";
-constexpr char kTimestampSuffix[] = ".timestamp";
+constexpr char kSessionSuffix[] = KORA_STORE_SESSION_SUFFIX;
+constexpr char kTimestampSuffix[] = KORA_STORE_TIMESTAMP_SUFFIX;
 constexpr size_t kSessionSuffixLength = sizeof kSessionSuffix - 1;
 constexpr size_t kTimestampSuffixLength = sizeof kTimestampSuffix - 1;
 // "_" plus ".session"; the same bound serves ".timestamp" files.

@@ -10,6 +10,7 @@
 #include "ssl_KM_crypto_services.h"
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 #include "ssl_util.h"
 
@@ -21,7 +22,7 @@ size_t g_keyblob_len = 0;
 uint8_t* gp_ta_nonceBuf = nullptr;
 
 // Modifiable so that another module can move the nonce file before start-up.
-const char* g_ssl_ta_keyblob_nonce_file_name = "/data/data_velto/.ssl/keyblob/takey.nonce";
+const char* g_ssl_ta_keyblob_nonce_file_name = KORA_STORE_NONCE_FILE;
 
 }  // extern "C"
 

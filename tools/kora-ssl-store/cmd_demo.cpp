@@ -353,7 +353,7 @@ int Demo::run() {
     return fail(why);
   }
   const int init = run_store_init_quietly();
-  row("initialise the store at /data/data_velto/", "ok", status_text(init), init == KORA_OK);
+  row("initialise the store at " KORA_STORE_DATA_ROOT, "ok", status_text(init), init == KORA_OK);
   if (init != KORA_OK) {
     print_table();
     return fail_store("initialising the store failed", init);

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "ssl_store_layout.h"
 
 namespace kora::cli {
 
@@ -11,10 +12,10 @@ const std::vector<Command>& command_table() {
        "create the store tree and provision its key material",
        "usage: kora-ssl-store init [-v]\n"
        "\n"
-       "Creates the store's directory tree under /data/data_velto/.ssl/ and, on first use,\n"
+       "Creates the store's directory tree under " KORA_STORE_ROOT " and, on first use,\n"
        "has the key service make the key blob and nonce that seal every credential. Run it\n"
        "again at any time: existing directories and key material are kept.\n"
-       "The data root /data/data_velto/ must exist.\n",
+       "The data root " KORA_STORE_DATA_ROOT " must exist.\n",
        {},
        &run_init},
       {"put",
@@ -85,7 +86,7 @@ const std::vector<Command>& command_table() {
        "end-to-end demonstration on the device's store",
        "usage: kora-ssl-store demo [-v]\n"
        "\n"
-       "Initialises the store at /data/data_velto/, makes a throw-away CA, server, client\n"
+       "Initialises the store at " KORA_STORE_DATA_ROOT ", makes a throw-away CA, server, client\n"
        "and device-identity certificate and a PSK table, stores them, loads them onto SSL\n"
        "objects and runs loopback handshakes: certificates with mutual authentication,\n"
        "PSK with TLS 1.2 and 1.3, and a wrong CA that must be refused. Then it lists and\n"
