@@ -27,7 +27,7 @@ namespace {
 constexpr char kSessionSuffix[] = KORA_STORE_SESSION_SUFFIX;
 constexpr char kTimestampSuffix[] = KORA_STORE_TIMESTAMP_SUFFIX;
 constexpr int kMaxSessionNumber = 9999;
-constexpr long kMaxSessionFileSize = 64 * 1024;
+constexpr long kMaxSessionFileSize = 64L * 1024;
 
 bool write_all(int fd, const void* data, size_t size) {
   const auto* p = static_cast<const uint8_t*>(data);
