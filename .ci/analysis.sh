@@ -62,7 +62,7 @@ if [ -n "$findings" ]; then
   echo "$findings"
   echo "clang-tidy: $(echo "$findings" | wc -l) finding(s) not suppressed (full output: $tidy_log)"
   status=1
-else
+elif [ "$status" -eq 0 ]; then
   echo "clang-tidy: clean"
 fi
 

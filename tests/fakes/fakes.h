@@ -22,7 +22,8 @@ extern std::vector<std::string> put_calls;  // "path oflag mode" of every put, i
 // Shell: "<command as run>|<length passed>" of every call.
 extern std::vector<std::string> shell_calls;
 
-// Mutex shim: the result of every release (1: nothing held, tolerated).
+// Mutex shim (linked with --wrap=ivra_mutex_unlock): the result of every release (1: nothing
+// held, tolerated).
 extern std::vector<int> unlock_results;
 
 }  // namespace kora::fake

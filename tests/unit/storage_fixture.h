@@ -1,18 +1,15 @@
 // Store tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file, the stored form of a PSK table and a probe of ssl_mutex from another thread.
+// a stored file, the stored form of a PSK table and the state of ssl_mutex.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
-#include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -74,17 +71,12 @@ inline std::string psk_table(const std::vector<std::pair<std::string, std::strin
   return t;
 }
 
-// True when another thread takes and releases ssl_mutex within one second. When it does not,
-// the probe thread stays blocked for the rest of the process.
+// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
 inline bool store_lock_is_free() {
-  auto done = std::make_shared<std::promise<void>>();
-  auto taken = done->get_future();
-  std::thread([done] {
-    ivra_mutex_lock(&ssl_mutex);
-    ivra_mutex_unlock(&ssl_mutex);
-    done->set_value();
-  }).detach();
-  return taken.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
+  pthread_mutex_lock(&ssl_mutex.guard);
+  const bool free = ssl_mutex.held == 0;
+  pthread_mutex_unlock(&ssl_mutex.guard);
+  return free;
 }
 
 }  // namespace kora::test
