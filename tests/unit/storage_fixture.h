@@ -6,8 +6,9 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -33,16 +34,10 @@ class StorageTest : public ::testing::Test {
   }
 };
 
-inline bool file_exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
+using std::filesystem::exists;
 
-inline void write_plain(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr) << path;
-  ASSERT_EQ(std::fclose(f), 0);
-}
+// An empty plain file.
+inline void write_plain(const std::string& path) { ASSERT_TRUE(std::ofstream(path).good()) << path; }
 
 // The unsealed content of a stored credential file, or nothing when it cannot be read.
 inline std::optional<std::string> read_stored(const std::string& path) {

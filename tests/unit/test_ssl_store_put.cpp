@@ -25,7 +25,7 @@ TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
   write_plain(kSessions + "dev_1.session");
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "v2", 2, false), 0);
   EXPECT_EQ(read_stored(kCerts + "dev"), "v2");
-  EXPECT_TRUE(file_exists(kSessions + "dev_1.session"));
+  EXPECT_TRUE(exists(kSessions + "dev_1.session"));
 }
 
 // Removal of "dev": dev's session files always go, other credentials' files always stay. For a
@@ -53,10 +53,10 @@ TEST_P(PutRemoveTest, RemovesFilesAndBoundSessions) {
   EXPECT_EQ(SSL_cert_store("dev", kind(c.type), c.cert, 0, c.priv_key), c.expected);
   EXPECT_EQ(log.has("Unable to delete the file\n", kError), c.expected != 0);
   EXPECT_TRUE(store_lock_is_free());
-  EXPECT_EQ(file_exists(kDirs[c.type] + "dev"), c.file_left);
-  EXPECT_EQ(file_exists(kKeys + "dev"), c.key_left);
-  EXPECT_FALSE(file_exists(kSessions + "dev_1.session") || file_exists(kSessions + "dev_9.timestamp"));
-  EXPECT_TRUE(file_exists(kSessions + "other_1.session") && file_exists(kDirs[c.type] + "other"));
+  EXPECT_EQ(exists(kDirs[c.type] + "dev"), c.file_left);
+  EXPECT_EQ(exists(kKeys + "dev"), c.key_left);
+  EXPECT_FALSE(exists(kSessions + "dev_1.session") || exists(kSessions + "dev_9.timestamp"));
+  EXPECT_TRUE(exists(kSessions + "other_1.session") && exists(kDirs[c.type] + "other"));
 }
 
 // clang-format off
