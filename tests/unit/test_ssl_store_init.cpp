@@ -8,6 +8,7 @@
 #include "fakes.h"
 #include "log_capture.h"
 #include "ssl_store.h"
+#include "ssl_store_layout.h"
 
 namespace {
 
@@ -29,10 +30,12 @@ TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
     std::vector<std::string> commands;
     for (const auto& dir : kTree) {
       EXPECT_TRUE(fs::is_directory("/data/data_velto/.ssl/" + dir)) << dir;
+      EXPECT_EQ("/data/data_velto/.ssl/" + dir, ssl_store_layout_dir(commands.size()));  // same order
       const std::string command = "mkdir /data/data_velto/.ssl/" + dir;
       commands.push_back(command + "|" + std::to_string(command.size()));
     }
     EXPECT_EQ(commands, kora::fake::shell_calls);
+    EXPECT_EQ(nullptr, ssl_store_layout_dir(kTree.size()));
     EXPECT_EQ(ok, fs::exists("/data/data_velto/.ssl/keyblob/takey.blob"));
     size_t open = 0;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
