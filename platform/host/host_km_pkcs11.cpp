@@ -330,7 +330,9 @@ Result run_gcm(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* iv, 
   seal_aad(kSealVersionToken, nonce, aad);
   CK_GCM_PARAMS params{const_cast<uint8_t*>(iv), kIvLen, kIvLen * 8, aad, kAadLen, kTagLen * 8};
   CK_MECHANISM mech{CKM_AES_GCM, &params, sizeof params};
-  auto* input = const_cast<uint8_t*>(in);
+  // Some tokens take a null pointer as a bad argument even for no bytes.
+  uint8_t none = 0;
+  auto* input = in_len > 0 ? const_cast<uint8_t*>(in) : &none;
   CK_ULONG n = *out_len;
   CK_RV rv = seal ? t.module->C_EncryptInit(t.session, &mech, t.data_key)
                   : t.module->C_DecryptInit(t.session, &mech, t.data_key);
