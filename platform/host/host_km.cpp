@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "host_km.h"
 #include "kora_host_km.h"
@@ -95,7 +96,12 @@ extern "C" const char* kora_km_backend(void) { return pkcs11_uri() != nullptr ? 
 
 extern "C" const char* kora_km_root_key(void) {
   const char* uri = pkcs11_uri();
-  return uri != nullptr ? uri : root_key_path();
+  if (uri == nullptr) {
+    return root_key_path();
+  }
+  thread_local std::string shown;
+  shown = token::describe(uri);
+  return shown.c_str();
 }
 
 extern "C" int kora_km_root_key_state(void) {

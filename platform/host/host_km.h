@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace kora::km {
 
@@ -78,6 +79,8 @@ Result crypt(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* in, si
 void forget();
 int root_key_state();
 Result make_root_key(bool replace);
+// The URI as it may be shown: without a pin-value.
+std::string describe(const char* uri_text);
 }  // namespace token
 
 }  // namespace kora::km

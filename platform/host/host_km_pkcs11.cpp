@@ -28,6 +28,7 @@ using UriPtr = std::unique_ptr<P11KitUri, Free<&p11_kit_uri_free>>;
 
 struct Token {
   std::string uri_text;  // the URI this state was opened for
+  std::string shown;     // the same without a PIN, for messages
   CK_FUNCTION_LIST* module = nullptr;
   CK_SLOT_ID slot = 0;
   CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
@@ -142,6 +143,7 @@ Result open_token(const char* uri_text) {
   }
   wipe_keys_at_exit();
   t.uri_text = uri_text;
+  t.shown = describe(uri_text);
   CK_ULONG count = 0;
   std::vector<CK_SLOT_ID> slots;
   if (t.module->C_GetSlotList(CK_TRUE, nullptr, &count) == CKR_OK) {
@@ -162,7 +164,7 @@ Result open_token(const char* uri_text) {
     }
   }
   if (!found) {
-    return fail(kErrToken, "no token in %s matches %s", module_path, uri_text);
+    return fail(kErrToken, "no token in %s matches %s", module_path, t.shown.c_str());
   }
   const std::string token_label(reinterpret_cast<const char*>(info.label),
                                 strnlen(reinterpret_cast<const char*>(info.label), sizeof info.label));
@@ -219,10 +221,10 @@ Result find_root(Token& t) {
     return token_error("finding the root key", rv);
   }
   if (n > 1) {
-    return fail(kErrToken, "more than one AES key in the token matches %s", t.uri_text.c_str());
+    return fail(kErrToken, "more than one AES key in the token matches %s", t.shown.c_str());
   }
   t.root = n == 1 ? found[0] : CK_INVALID_HANDLE;
-  return n == 1 ? kOk : fail(kErrRootKey, "the token has no root key %s", t.uri_text.c_str());
+  return n == 1 ? kOk : fail(kErrRootKey, "the token has no root key %s", t.shown.c_str());
 }
 
 // A new AES-256 key in the token: the root key (a token object, sensitive, never
@@ -276,7 +278,7 @@ Result ready(bool create) {
     r = fail(kErrRootKey,
              "the token has no root key %s while a key blob exists: a new one would orphan every credential "
              "sealed under the old one (kora-ssl-store init --force-new-key starts over)",
-             uri);
+             t.shown.c_str());
   }
   return r;
 }
@@ -308,7 +310,7 @@ Result ensure_key(const uint8_t* keyblob) {
                                          tmpl, sizeof tmpl / sizeof tmpl[0], &t.data_key);
   if (rv != CKR_OK) {
     t.data_key = CK_INVALID_HANDLE;
-    return fail(kErrKeyBlob, "the key blob does not unwrap under the token key %s: %s", t.uri_text.c_str(),
+    return fail(kErrKeyBlob, "the key blob does not unwrap under the token key %s: %s", t.shown.c_str(),
                 p11_kit_strerror(rv));
   }
   std::memcpy(t.blob, keyblob, kKeyBlobLen);
@@ -350,6 +352,21 @@ Result run_gcm(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* iv, 
 }
 
 }  // namespace
+
+std::string describe(const char* uri_text) {
+  UriPtr uri(p11_kit_uri_new());
+  char* text = nullptr;
+  if (p11_kit_uri_parse(uri_text, P11_KIT_URI_FOR_ANY, uri.get()) != P11_KIT_URI_OK) {
+    return "(not a PKCS#11 URI)";
+  }
+  p11_kit_uri_set_pin_value(uri.get(), nullptr);
+  if (p11_kit_uri_format(uri.get(), P11_KIT_URI_FOR_ANY, &text) != P11_KIT_URI_OK) {
+    return "(a PKCS#11 URI)";
+  }
+  std::string shown(text);
+  std::free(text);
+  return shown;
+}
 
 Result generate_keyblob(uint8_t** keyblob, size_t* keyblob_len) {
   const std::lock_guard<std::mutex> lock(g_mutex);

@@ -9,7 +9,7 @@ endforeach()
 if(KORA_SOFTHSM2_MODULE)
   kora_add_gtest(test_host_km_token SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_host_km.cpp
     ${PROJECT_SOURCE_DIR}/tests/token/softhsm_token.cpp
-    LIBS kora_platform_host OpenSSL::Crypto LABELS "platform;token" PREFIX token.)
+    LIBS kora_platform_host OpenSSL::Crypto LABELS token PREFIX token.)
   target_include_directories(test_host_km_token PRIVATE ${PROJECT_SOURCE_DIR}/platform/host
     ${PROJECT_SOURCE_DIR}/tests/token)
   target_compile_definitions(test_host_km_token PRIVATE KORA_KM_TOKEN_TESTS
