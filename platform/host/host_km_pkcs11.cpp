@@ -141,7 +141,9 @@ Result open_token(const char* uri_text) {
     t.module = nullptr;
     return token_error("module initialisation", rv);
   }
-  wipe_keys_at_exit();
+  // Registered after the module's own exit handlers, so that it runs before they tear the
+  // module down; once per load, as a module loaded again registers its handlers again.
+  (void)std::atexit(forget);
   t.uri_text = uri_text;
   t.shown = describe(uri_text);
   CK_ULONG count = 0;
