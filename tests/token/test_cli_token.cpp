@@ -4,34 +4,13 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
 
+#include "cli_tool.h"
 #include "kora_certgen.h"
 #include "softhsm_token.h"
-#include "subprocess.h"
 
 namespace kora::test {
 namespace {
-
-using namespace std::chrono_literals;
-
-// The tool's exit code and everything it printed.
-std::pair<int, std::string> cli(const std::string& command) {
-#ifdef KORA_CLI_LAUNCHER
-  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
-#else
-  std::vector<std::string> argv = {KORA_CLI_PATH};
-#endif
-  std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    argv.push_back(w);
-  }
-  std::string why;
-  auto child = Subprocess::start(argv, &why);
-  EXPECT_NE(child, nullptr) << why;
-  const int code = child ? child->wait_exit(60s) : -1;
-  return {code, child ? command + ": " + child->output() : why};
-}
 
 TEST(CliToken, InitNamesTheTokenKeyAndEveryProcessOpensWhatWasSealed) {
   ::mkdir("/data/data_velto", 0700);  // the private root may hold it already
@@ -49,8 +28,9 @@ TEST(CliToken, InitNamesTheTokenKeyAndEveryProcessOpensWhatWasSealed) {
                {"demo", {"demo passed", ""}},
                {"rm ca roots", {"", ""}}};
   for (const auto& step : steps) {
-    const auto [code, out] = cli(step.command);
-    EXPECT_EQ(code, 0) << out;
+    const Result r = cli(step.command);
+    const std::string out = std::string(step.command) + ": " + r.out + r.err;
+    EXPECT_EQ(r.code, 0) << out;
     for (const char* says : step.says) {
       EXPECT_NE(out.find(says), std::string::npos) << out;
     }
