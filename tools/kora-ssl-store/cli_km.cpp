@@ -42,7 +42,7 @@ int prepare_root_key(bool force_new, bool* had_key_blob) {
       }
     }
     *had_key_blob = false;
-    if (kora_km_make_root_key(state == 1 ? 1 : 0) != 0) {
+    if (kora_km_make_root_key(state != 0 ? 1 : 0) != 0) {
       return fail("making a new root key failed" + key_service_error());
     }
     std::printf("new root key made; credentials sealed under the old key material can no longer be opened\n");
