@@ -2,12 +2,13 @@
 // root key; sealing is AES-256-GCM under the data key with a fresh IV per call and the
 // caller's nonce bound as associated data. The root key lives in a file (the default) or in
 // a PKCS#11 token named by KORA_KM_PKCS11_URI; this file picks the backend per call.
+#include <glib.h>
+
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "host_km.h"
 #include "kora_host_km.h"
@@ -99,9 +100,9 @@ extern "C" const char* kora_km_root_key(void) {
   if (uri == nullptr) {
     return root_key_path();
   }
-  thread_local std::string shown;
-  shown = token::describe(uri);
-  return shown.c_str();
+  thread_local char shown[1024];
+  (void)g_strlcpy(shown, token::describe(uri).c_str(), sizeof shown);
+  return shown;
 }
 
 extern "C" int kora_km_root_key_state(void) {

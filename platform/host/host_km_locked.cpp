@@ -21,6 +21,8 @@ size_t page_span(size_t size) {
 
 void* locked_alloc(size_t size) {
   const size_t span = page_span(size);
+  // An anonymous mapping takes -1 as its descriptor.
+  // cppcheck-suppress invalidFunctionArg
   void* p = ::mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (p == MAP_FAILED) {
     fail(kErrNoMemory, "no memory for the key cache");
