@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_km.h"
@@ -122,6 +124,31 @@ TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
+}
+
+// Threads sealing and opening at once under two key blobs in turn (each switch replaces the
+// cached key, or the token's unwrapped key) all get their own bytes back.
+TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
+  const Bytes blobs[2] = {blob_, new_blob()};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 40; ++i) {
+        const Bytes& blob = blobs[(t + i) % 2];
+        const Bytes plain = random_bytes(static_cast<size_t>(100 + i));
+        Bytes sealed, back;
+        if (crypt(blob, nonce_, plain, kSeal, &sealed) != 0 ||
+            crypt(blob, nonce_, sealed, kUnseal, &back) != 0 || back != plain) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(failures, 0);
 }
 
 #ifndef KORA_KM_TOKEN_TESTS
