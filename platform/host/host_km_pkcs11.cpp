@@ -41,6 +41,9 @@ struct Token {
 
 std::mutex g_mutex;
 Token g_token;  // guarded by g_mutex
+// A URI whose PIN the token refused: not tried again in this process, as tokens lock the PIN
+// after a few wrong attempts.
+std::string g_refused_pin_uri;  // guarded by g_mutex
 
 const CK_BBOOL kTrue = CK_TRUE, kFalse = CK_FALSE;
 
@@ -91,6 +94,7 @@ Result log_in(Token& t, P11KitUri* uri, const char* token_label) {
   const CK_RV rv = t.module->C_Login(t.session, CKU_USER, copy.data(), copy.size());
   OPENSSL_cleanse(copy.data(), copy.size());
   if (rv == CKR_PIN_INCORRECT || rv == CKR_PIN_LEN_RANGE) {
+    g_refused_pin_uri = t.uri_text;
     return fail(kErrToken, "wrong PIN for token %s", token_label);
   }
   return rv == CKR_OK || rv == CKR_USER_ALREADY_LOGGED_IN ? kOk : token_error("login", rv);
@@ -123,6 +127,10 @@ Result open_token(const char* uri_text) {
     return kOk;
   }
   close_token();
+  if (g_refused_pin_uri == uri_text) {
+    return fail(kErrToken, "wrong PIN for the token of %s (not tried again in this process)",
+                describe(uri_text).c_str());
+  }
   UriPtr uri(p11_kit_uri_new());
   const int parsed = p11_kit_uri_parse(uri_text, P11_KIT_URI_FOR_OBJECT_ON_TOKEN_AND_MODULE, uri.get());
   if (parsed != P11_KIT_URI_OK) {
