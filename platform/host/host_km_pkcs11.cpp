@@ -10,6 +10,7 @@
 #include <p11-kit/p11-kit.h>
 #include <p11-kit/pin.h>
 #include <p11-kit/uri.h>
+#include <pthread.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -267,8 +268,14 @@ CK_RV generate_key(Token& t, bool root, CK_OBJECT_HANDLE* handle) {
   return t.module->C_GenerateKey(t.session, &mech, tmpl.data(), tmpl.size(), handle);
 }
 
+// A forked child starts without its parent's session and handles: PKCS#11 state belongs to
+// the process that opened it.
+void drop_in_child() { g_token = Token(); }
+
 // Opens the token and finds (or, when `create`, makes) the root key. Caller holds g_mutex.
 Result ready(bool create) {
+  static const bool registered = ::pthread_atfork(nullptr, nullptr, drop_in_child) == 0;
+  (void)registered;
   const char* uri = pkcs11_uri();
   Result r = open_token(uri);
   if (r != kOk) {
