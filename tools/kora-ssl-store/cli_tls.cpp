@@ -151,6 +151,23 @@ int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std:
   return fail_store(std::string("loading ") + title + " '" + name + "' failed", status);
 }
 
+void answer_client(ssl_obj_hdl_t hdl, const std::string& line) {
+  constexpr int kClientFirstWaitMs = 1000;  // a client that speaks first does so at once
+  std::string request;
+  char buf[1024];
+  for (int n; request.size() < 8192 && request.find("\r\n\r\n") == std::string::npos &&
+              ssl_conn_await_peer(hdl, kClientFirstWaitMs) == 0 && (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
+    request.append(buf, static_cast<size_t>(n));
+  }
+  std::string reply = line + "\n";
+  if (request.compare(0, 4, "GET ") == 0 || request.compare(0, 5, "HEAD ") == 0 ||
+      request.compare(0, 5, "POST ") == 0) {
+    reply = "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(reply.size()) +
+            "\r\nConnection: close\r\n\r\n" + reply;
+  }
+  (void)ssl_conn_write(hdl, reply.data(), static_cast<int>(reply.size()));
+}
+
 std::string verify_phrase(long verify_result) {
   if (verify_result == X509_V_OK) {
     return "ok";

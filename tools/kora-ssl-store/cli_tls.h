@@ -60,6 +60,10 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
 // (with the store's status) and returns kExitFailed.
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name);
 
+// Sends the client one line of text: as an HTTP response when the client spoke HTTP first
+// (curl), else as it is (openssl s_client).
+void answer_client(ssl_obj_hdl_t hdl, const std::string& line);
+
 // How the peer's certificate chain was judged, as a phrase: "ok", "failed: <reason>".
 std::string verify_phrase(long verify_result);
 // Prints the connection's protocol, cipher, peer subject and verification result, indented.
