@@ -1,13 +1,18 @@
 # The command-line tool as a user runs it, on each case's private store root.
 if(TARGET kora-ssl-store)
   kora_add_gtest(test_cli SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_cli.cpp LIBS kora_certgen TIMEOUT 120 LABELS cli)
-  target_compile_definitions(test_cli PRIVATE KORA_CLI_PATH="$<TARGET_FILE:kora-ssl-store>")
-  add_dependencies(test_cli kora-ssl-store)
-  # A cross-built tool runs under the same emulator as the tests.
-  if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR)
-    list(GET CMAKE_CROSSCOMPILING_EMULATOR 0 kora_cli_launcher)
-    target_compile_definitions(test_cli PRIVATE KORA_CLI_LAUNCHER="${kora_cli_launcher}")
-  endif()
+  # The tool against GnuTLS, a broker, a tunnel and curl (scripts/deps.sh set "interop").
+  kora_add_gtest(test_peers SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_peers.cpp LIBS kora_certgen TIMEOUT 120
+    LABELS interop)
+  foreach(test test_cli test_peers)
+    target_compile_definitions(${test} PRIVATE KORA_CLI_PATH="$<TARGET_FILE:kora-ssl-store>")
+    add_dependencies(${test} kora-ssl-store)
+    # A cross-built tool runs under the same emulator as the tests.
+    if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR)
+      list(GET CMAKE_CROSSCOMPILING_EMULATOR 0 kora_cli_launcher)
+      target_compile_definitions(${test} PRIVATE KORA_CLI_LAUNCHER="${kora_cli_launcher}")
+    endif()
+  endforeach()
 endif()
 # The installed package as another project uses it (skipped when cross-compiling).
 if(TARGET kora-ssl-store AND NOT CMAKE_CROSSCOMPILING)

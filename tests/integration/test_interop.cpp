@@ -195,15 +195,18 @@ TEST_P(Versions, ServerObjectWithStoredCertificateServesSClient) {
 
 INSTANTIATE_TEST_SUITE_P(Tls, Versions, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION), kVersionName);
 
-TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCasCleanly) {
+TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCaOrAnotherHostCleanly) {
   const Credential other_ca = issue("other-ca", nullptr, true);
   const Credential impostor = issue("server.test", &other_ca);
+  const Credential other_host = issue("other.test", &ca_);
   store("trusted", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
   for (const auto& [presented, open_rc, verify_result] :
        {std::tuple{&server_, 0, long{X509_V_OK}},
-        std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}}}) {
+        std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}},
+        std::tuple{&other_host, -1, long{X509_V_ERR_HOSTNAME_MISMATCH}}}) {
     const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
     ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
+    ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
     int port = 0;
     auto server = s_server(cert_args(*presented), &port);
     ASSERT_NE(server, nullptr);

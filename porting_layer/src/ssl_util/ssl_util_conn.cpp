@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <string>
 
 #include "ossl_ptr.h"
 #include "ssl_store.h"
@@ -53,9 +54,14 @@ void note_peer_alert(const SSL* ssl, int where, int value) {
     return;
   }
   auto* alert = static_cast<char*>(SSL_get_app_data(ssl));
-  if (alert != nullptr) {
-    (void)g_strlcpy(alert, SSL_alert_desc_string_long(value), sizeof Slot{}.peer_alert);
+  if (alert == nullptr) {
+    return;
   }
+  // OpenSSL has no text for the alert TLS 1.3 added for a missing client certificate.
+  const std::string text = (value & 0xff) == TLS13_AD_CERTIFICATE_REQUIRED ? "certificate required"
+                                                                         : SSL_alert_desc_string_long(value);
+  (void)g_strlcpy(alert, text == "unknown" ? ("alert " + std::to_string(value & 0xff)).c_str() : text.c_str(),
+                  sizeof Slot{}.peer_alert);
 }
 
 // The client's PSK callback when an identity was chosen: the store's callback, asked for that
