@@ -36,16 +36,31 @@ struct Case {
 };
 void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 
-const std::vector<std::string> kGnutlsCert = {"gnutls-serv", "-p", "{port}", "--x509certfile", "{in}/srv.pem",
-                                              "--x509keyfile", "{in}/srv.key", "--require-client-cert",
-                                              "--verify-client-cert", "--x509cafile"};
-const std::vector<std::string> kGnutlsPsk = {"gnutls-serv", "-p", "{port}", "--pskpasswd", "{in}/beta.psk",
-                                             "--priority", "NORMAL:+PSK:+ECDHE-PSK:+DHE-PSK"};
+const std::vector<std::string> kGnutlsCert = {"gnutls-serv",
+                                              "-p",
+                                              "{port}",
+                                              "--x509certfile",
+                                              "{in}/srv.pem",
+                                              "--x509keyfile",
+                                              "{in}/srv.key",
+                                              "--require-client-cert",
+                                              "--verify-client-cert",
+                                              "--x509cafile"};
+const std::vector<std::string> kGnutlsPsk = {"gnutls-serv",
+                                             "-p",
+                                             "{port}",
+                                             "--pskpasswd",
+                                             "{in}/beta.psk",
+                                             "--priority",
+                                             "NORMAL:+PSK:+ECDHE-PSK:+DHE-PSK"};
 const std::vector<std::string> kGnutlsCli = {
-    "gnutls-cli", "-p", "{port}", "--x509cafile", "{in}/root.pem", "--x509certfile", "{in}/dev.pem",
-    "--x509keyfile", "{in}/dev.key", "127.0.0.1", "--priority"};
-const std::vector<std::string> kCurl = {"curl", "-sS", "--cacert", "{in}/root.pem", "--cert", "{in}/dev.pem",
-                                        "--key", "{in}/dev.key", "https://127.0.0.1:{port}/", "--tls-max"};
+    "gnutls-cli",     "-p",           "{port}",        "--x509cafile", "{in}/root.pem",
+    "--x509certfile", "{in}/dev.pem", "--x509keyfile", "{in}/dev.key", "127.0.0.1",
+    "--priority"};
+const std::vector<std::string> kCurl = {"curl",          "-sS",          "--cacert",
+                                        "{in}/root.pem", "--cert",       "{in}/dev.pem",
+                                        "--key",         "{in}/dev.key", "https://127.0.0.1:{port}/",
+                                        "--tls-max"};
 const std::vector<std::string> kMosquitto = {"mosquitto", "-c", "{in}/peer.conf"};
 const std::vector<std::string> kStunnel = {"stunnel4", "{in}/peer.conf"};
 constexpr char kMosquittoCert[] =
@@ -67,67 +82,111 @@ std::vector<std::string> with(std::vector<std::string> argv, std::initializer_li
 
 const Case kCases[] = {
     {"gnutls_server_trusts_our_chain_tls12",
-     {with(kGnutlsCert, {"{in}/root.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr, kGnutlsReady,
-      "Status: The certificate is trusted"},
-     "connect 127.0.0.1:{port} --cert dev --ca root", 0, "verification:  ok"},
+     {with(kGnutlsCert, {"{in}/root.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr,
+      kGnutlsReady, "Status: The certificate is trusted"},
+     "connect 127.0.0.1:{port} --cert dev --ca root",
+     0,
+     "verification:  ok"},
     {"gnutls_server_trusts_our_chain_tls13",
-     {with(kGnutlsCert, {"{in}/root.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr, kGnutlsReady,
-      "Status: The certificate is trusted"},
-     "connect 127.0.0.1:{port} --cert dev --ca root", 0, "protocol:      TLSv1.3"},
+     {with(kGnutlsCert, {"{in}/root.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr,
+      kGnutlsReady, "Status: The certificate is trusted"},
+     "connect 127.0.0.1:{port} --cert dev --ca root",
+     0,
+     "protocol:      TLSv1.3"},
     {"gnutls_server_rejects_our_certificate_tls12",
-     {with(kGnutlsCert, {"{in}/other.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr, kGnutlsReady,
-      "Error in handshake"},
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "the server sent alert"},
+     {with(kGnutlsCert, {"{in}/other.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr,
+      kGnutlsReady, "Error in handshake"},
+     "connect 127.0.0.1:{port} --cert dev --ca root",
+     1,
+     "the server sent alert"},
     {"gnutls_server_rejects_our_certificate_after_tls13_handshake",
-     {with(kGnutlsCert, {"{in}/other.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr, kGnutlsReady,
-      "Error in handshake"},
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "refused our client certificate after the handshake"},
+     {with(kGnutlsCert, {"{in}/other.pem", "--priority", "NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr,
+      kGnutlsReady, "Error in handshake"},
+     "connect 127.0.0.1:{port} --cert dev --ca root",
+     1,
+     "refused our client certificate after the handshake"},
     {"server_certificate_of_another_host_refused",
      {with(kGnutlsCert, {"{in}/root.pem"}), nullptr, kGnutlsReady, "Error in handshake"},
-     "connect localhost:{port} --cert dev --ca root", 1, "hostname mismatch"},
+     "connect localhost:{port} --cert dev --ca root",
+     1,
+     "hostname mismatch"},
     {"server_certificate_without_our_ip_refused",
      {with(kGnutlsCert, {"{in}/root.pem"}), nullptr, kGnutlsReady, "Error in handshake"},
-     "connect 127.0.0.2:{port} --cert dev --ca root", 1, "IP address mismatch"},
+     "connect 127.0.0.2:{port} --cert dev --ca root",
+     1,
+     "IP address mismatch"},
     {"gnutls_psk_identity_chosen_over_hint_tls12",
      {with(kGnutlsPsk, {"--pskhint", "broker-hint"}), nullptr, kGnutlsReady, "Connected as 'beta'"},
-     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2", 0, "cipher:        DHE-PSK"},
+     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2",
+     0,
+     "cipher:        DHE-PSK"},
     {"gnutls_psk_hint_matching_no_identity_explained_tls12",
      {with(kGnutlsPsk, {"--pskhint", "broker-hint"}), nullptr, kGnutlsReady, "Handshake failed"},
-     "connect 127.0.0.1:{port} --psk tab --tls1.2", 1, "give --psk-identity ID"},
+     "connect 127.0.0.1:{port} --psk tab --tls1.2",
+     1,
+     "give --psk-identity ID"},
     {"gnutls_psk_without_hint_tls12",
      {kGnutlsPsk, nullptr, kGnutlsReady, "Connected as 'beta'"},
-     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2", 0, "not applicable (PSK)"},
+     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2",
+     0,
+     "not applicable (PSK)"},
     {"gnutls_psk_identity_chosen_tls13",
      {kGnutlsPsk, nullptr, kGnutlsReady, "Connected as 'beta'"},
-     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3", 0, "protocol:      TLSv1.3"},
+     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3",
+     0,
+     "protocol:      TLSv1.3"},
     {"mosquitto_certificate_listener_accepts_our_chain",
      {kMosquitto, kMosquittoCert, " running", "closed its connection"},
-     "connect 127.0.0.1:{port} --cert dev --ca root", 0, "verification:  ok"},
+     "connect 127.0.0.1:{port} --cert dev --ca root",
+     0,
+     "verification:  ok"},
     {"mosquitto_certificate_listener_refusal_seen_after_tls13_handshake",
      {kMosquitto, kMosquittoCert, " running", "peer did not return a certificate"},
-     "connect 127.0.0.1:{port} --ca root --tls1.3", 1, "alert 'certificate required'"},
+     "connect 127.0.0.1:{port} --ca root --tls1.3",
+     1,
+     "alert 'certificate required'"},
     {"mosquitto_psk_listener_with_hint_tls12",
      {kMosquitto, kMosquittoPsk, " running", "closed its connection"},
-     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2", 0, "cipher:        DHE-PSK"},
+     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.2",
+     0,
+     "cipher:        DHE-PSK"},
     {"mosquitto_psk_listener_tls13",
      {kMosquitto, kMosquittoPsk, " running", "closed its connection"},
-     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3", 0, "protocol:      TLSv1.3"},
+     "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3",
+     0,
+     "protocol:      TLSv1.3"},
     {"stunnel_verifies_our_chain",
      {kStunnel, kStunnelConf, "Accepting new connections", "Certificate accepted at depth=0: CN=dev"},
-     "connect 127.0.0.1:{port} --cert dev --ca root --tls1.2", 0, "verification:  ok"},
+     "connect 127.0.0.1:{port} --cert dev --ca root --tls1.2",
+     0,
+     "verification:  ok"},
     {"stunnel_requires_a_client_certificate",
      {kStunnel, kStunnelConf, "Accepting new connections", "peer did not return a certificate"},
-     "connect 127.0.0.1:{port} --ca root --tls1.2", 1, "the server sent alert"},
+     "connect 127.0.0.1:{port} --ca root --tls1.2",
+     1,
+     "the server sent alert"},
     {"gnutls_client_trusts_served_chain_tls12",
-     {with(kGnutlsCli, {"NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.2"},
-     kServe, 0, "peer subject:  /CN=dev"},
+     {with(kGnutlsCli, {"NORMAL:-VERS-ALL:+VERS-TLS1.2"}), nullptr, "",
+      "hello from kora-ssl-store serve (TLSv1.2"},
+     kServe,
+     0,
+     "peer subject:  /CN=dev"},
     {"gnutls_client_trusts_served_chain_tls13",
-     {with(kGnutlsCli, {"NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.3"},
-     kServe, 0, "verification:  ok"},
-    {"curl_gets_the_served_line_tls12", {with(kCurl, {"1.2"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.2"},
-     kServe, 0, "verification:  ok"},
-    {"curl_gets_the_served_line_tls13", {with(kCurl, {"1.3"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.3"},
-     kServe, 0, "verification:  ok"},
+     {with(kGnutlsCli, {"NORMAL:-VERS-ALL:+VERS-TLS1.3"}), nullptr, "",
+      "hello from kora-ssl-store serve (TLSv1.3"},
+     kServe,
+     0,
+     "verification:  ok"},
+    {"curl_gets_the_served_line_tls12",
+     {with(kCurl, {"1.2"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.2"},
+     kServe,
+     0,
+     "verification:  ok"},
+    {"curl_gets_the_served_line_tls13",
+     {with(kCurl, {"1.3"}), nullptr, "", "hello from kora-ssl-store serve (TLSv1.3"},
+     kServe,
+     0,
+     "verification:  ok"},
 };
 
 std::string fill(const std::string& text, int port) {
@@ -148,7 +207,8 @@ std::unique_ptr<Subprocess> start_listening(const std::function<std::vector<std:
     if (child && !child->wait_for_line(ready, 20s).empty()) {
       return child;
     }
-    ADD_FAILURE_AT(__FILE__, __LINE__) << "attempt " << attempt << ": " << why << (child ? child->output() : "");
+    ADD_FAILURE_AT(__FILE__, __LINE__)
+        << "attempt " << attempt << ": " << why << (child ? child->output() : "");
   }
   return nullptr;
 }
@@ -196,7 +256,8 @@ class Peers : public ::testing::TestWithParam<Case> {
   }
   const certgen::Credential root_ = issue("root", nullptr, true), other_ = issue("other-root", nullptr, true);
   const certgen::Credential mid_ = issue("intermediate", &root_, true);
-  const certgen::Credential srv_ = issue("server.test", &mid_, false, {{GEN_DNS, "server.test"}, {GEN_IPADD, {"\x7f\0\0\x01", 4}}});
+  const certgen::Credential srv_ =
+      issue("server.test", &mid_, false, {{GEN_DNS, "server.test"}, {GEN_IPADD, {"\x7f\0\0\x01", 4}}});
   const certgen::Credential dev_ = issue("dev", &mid_, false);
 };
 
@@ -218,14 +279,16 @@ TEST_P(Peers, BothSidesAgreeOnTheOutcome) {
   ASSERT_NE(client, nullptr) << why;
   Subprocess& peer = peer_serves ? *server : *client;
   Subprocess& ours = peer_serves ? *client : *server;
-  EXPECT_FALSE(peer.wait_for_line(c.peer.says, 15s).empty()) << "the peer did not log: " << c.peer.says << "\n"
-                                                             << peer.output();
+  EXPECT_FALSE(peer.wait_for_line(c.peer.says, 15s).empty())
+      << "the peer did not log: " << c.peer.says << "\n"
+      << peer.output();
   client->close_stdin();  // gnutls-cli ends at the end of its input
   EXPECT_EQ(ours.wait_exit(30s), c.exit_code) << ours.output();
   EXPECT_NE(ours.output().find(c.we_say), std::string::npos) << ours.output();
 }
 
-INSTANTIATE_TEST_SUITE_P(Interop, Peers, ::testing::ValuesIn(kCases), [](const auto& p) { return std::string(p.param.label); });
+INSTANTIATE_TEST_SUITE_P(Interop, Peers, ::testing::ValuesIn(kCases),
+                         [](const auto& p) { return std::string(p.param.label); });
 
 }  // namespace
 }  // namespace kora::test

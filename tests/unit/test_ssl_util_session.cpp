@@ -69,7 +69,8 @@ class ObjectPair : public ::testing::TestWithParam<int> {
       out.empty_read_rc = ssl_conn_read(client_, echo, 0);
       int index = -1;
       utility_get_ssl_ctxt(ssl_get_obj_context(client_), &index);
-      out.recorded_cipher = g_ssl_ctxt[index].ciphersuite + std::string("/") + std::to_string(g_ssl_ctxt[index].protocol);
+      out.recorded_cipher =
+          g_ssl_ctxt[index].ciphersuite + std::string("/") + std::to_string(g_ssl_ctxt[index].protocol);
       EXPECT_EQ(ssl_conn_write(client_, "ping", 4), 4);
       EXPECT_EQ(ssl_conn_read(client_, echo, sizeof echo), 4);
     }
@@ -89,7 +90,8 @@ class ObjectPair : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
-  EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1) << "unknown suite ignored";
+  EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1)
+      << "unknown suite ignored";
   ASSERT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_CHACHA20_POLY1305_SHA256"), 0);
   EXPECT_EQ(ssl_session_set_resume(client_, std::string(512, 's').c_str()), -2) << "path cut to fit";
   const Outcome first = connect();

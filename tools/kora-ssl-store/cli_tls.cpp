@@ -156,7 +156,8 @@ void answer_client(ssl_obj_hdl_t hdl, const std::string& line) {
   std::string request;
   char buf[1024];
   for (int n; request.size() < 8192 && request.find("\r\n\r\n") == std::string::npos &&
-              ssl_conn_await_peer(hdl, kClientFirstWaitMs) == 0 && (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
+              ssl_conn_await_peer(hdl, kClientFirstWaitMs) == 0 &&
+              (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
     request.append(buf, static_cast<size_t>(n));
   }
   std::string reply = line + "\n";

@@ -57,9 +57,9 @@ int check_options(const Args& args, const std::string& host) {
 }
 
 int load_credentials(const Args& args, ssl_obj_hdl_t hdl) {
-  for (const auto& [option, type] : {std::pair{"--cert", KORA_NET_SSL_CERTIFICATE_E},
-                                     std::pair{"--ca", KORA_NET_SSL_CA_LIST_E},
-                                     std::pair{"--psk", KORA_NET_SSL_PSK_TABLE_E}}) {
+  for (const auto& [option, type] :
+       {std::pair{"--cert", KORA_NET_SSL_CERTIFICATE_E}, std::pair{"--ca", KORA_NET_SSL_CA_LIST_E},
+        std::pair{"--psk", KORA_NET_SSL_PSK_TABLE_E}}) {
     if (args.has(option)) {
       if (const int rc = load_credential(hdl, type, args.value(option)); rc != kExitOk) {
         return rc;
@@ -85,7 +85,8 @@ int configure(const Args& args, ssl_obj_hdl_t hdl, const std::string& host) {
   if (args.has("--psk") && ssl_obj_set_ciphers(hdl, kPskTls12Ciphers, kPskTls13Suites) != 0) {
     return fail("selecting the PSK cipher suites failed");
   }
-  if (args.has("--psk-identity") && ssl_obj_set_psk_identity(hdl, args.value("--psk-identity").c_str()) != 0) {
+  if (args.has("--psk-identity") &&
+      ssl_obj_set_psk_identity(hdl, args.value("--psk-identity").c_str()) != 0) {
     return usage_error("--psk-identity '" + args.value("--psk-identity") + "' is longer than 255 characters");
   }
   return load_credentials(args, hdl);
@@ -130,7 +131,7 @@ int run_connect(const Args& args) {
   const bool tls13 = ssl_conn_get_info(obj.hdl(), &info) == 0 && std::string(info.protocol) == "TLSv1.3";
   const int verdict = rc == 0 && tls13 && !psk ? ssl_conn_await_peer(obj.hdl(), kVerdictWaitMs) : 0;
   (void)ssl_conn_get_info(obj.hdl(), &info);
-  const std::string verification = psk      ? "not applicable (PSK)"
+  const std::string verification = psk        ? "not applicable (PSK)"
                                    : verified ? verify_phrase(info.verify_result)
                                               : "none: --insecure, the server's certificate was not checked";
   if (rc == 0 && verdict < 0) {
@@ -139,9 +140,11 @@ int run_connect(const Args& args) {
                 info.peer_alert + "')");
   }
   if (rc != 0) {
-    std::string line = "TLS handshake with " + target + " failed" + failure_reason(info, verified, verification);
+    std::string line =
+        "TLS handshake with " + target + " failed" + failure_reason(info, verified, verification);
     if (psk && !args.has("--psk-identity")) {
-      line += " (the server's PSK hint chooses the table entry; give --psk-identity ID to choose it yourself)";
+      line +=
+          " (the server's PSK hint chooses the table entry; give --psk-identity ID to choose it yourself)";
     }
     const int result = fail_store(line, rc);
     (void)ssl_conn_close(obj.hdl());

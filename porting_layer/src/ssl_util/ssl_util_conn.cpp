@@ -58,8 +58,9 @@ void note_peer_alert(const SSL* ssl, int where, int value) {
     return;
   }
   // OpenSSL has no text for the alert TLS 1.3 added for a missing client certificate.
-  const std::string text = (value & 0xff) == TLS13_AD_CERTIFICATE_REQUIRED ? "certificate required"
-                                                                         : SSL_alert_desc_string_long(value);
+  const std::string text = (value & 0xff) == TLS13_AD_CERTIFICATE_REQUIRED
+                               ? "certificate required"
+                               : SSL_alert_desc_string_long(value);
   (void)g_strlcpy(alert, text == "unknown" ? ("alert " + std::to_string(value & 0xff)).c_str() : text.c_str(),
                   sizeof Slot{}.peer_alert);
 }
@@ -73,7 +74,8 @@ unsigned int psk_by_identity(SSL* ssl, const char* hint, char* identity, unsigne
     return 0;
   }
   const char* chosen = slot_at(index).psk_identity;
-  UTIL_LOG_HIGH("PSK identity '%s' chosen over the server's hint '%s'\n", chosen, hint != nullptr ? hint : "");
+  UTIL_LOG_HIGH("PSK identity '%s' chosen over the server's hint '%s'\n", chosen,
+                hint != nullptr ? hint : "");
   return psk_client_cb(ssl, chosen, identity, max_identity_len, psk, max_psk_len);
 }
 
@@ -242,7 +244,8 @@ int await_peer(ssl_obj_hdl_t hdl, int timeout_ms) {
     if (SSL_is_server(ssl) == 0 && SSL_SESSION_is_resumable(SSL_get0_session(ssl)) == 1) {
       return 0;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd pfd{fd, POLLIN, 0};
     const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
     if (ready == 0 || (ready < 0 && errno != EINTR)) {

@@ -20,7 +20,7 @@ struct Slot {
   std::atomic<SSL_CTX*> ctx{nullptr};
   std::atomic<SSL*> ssl{nullptr};  // the open connection, if any
   ssl_obj_role_t role = SSL_OBJ_ROLE_CLIENT;
-  char server_name[256] = {};  // a client's SNI and expected host name or address; "" for none
+  char server_name[256] = {};   // a client's SNI and expected host name or address; "" for none
   char psk_identity[256] = {};  // a client's chosen PSK table entry; "" lets the server's hint choose
   char peer_alert[64] = {};     // the last alert the peer sent on the connection, "" for none
 };

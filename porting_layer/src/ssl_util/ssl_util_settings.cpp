@@ -114,7 +114,8 @@ int set_verify(ssl_obj_hdl_t hdl, int mode) {
 }
 
 // Copies `value` (null: "") into the slot field chosen by `field`; -2 when too long or unknown.
-int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), size_t size, const char* call) {
+int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), size_t size,
+                  const char* call) {
   const char* text = value != nullptr ? value : "";
   if (std::strlen(text) >= size) {
     UTIL_LOG_ERROR("%s: value too long\n", call);
@@ -155,8 +156,8 @@ int ssl_obj_set_server_name(ssl_obj_hdl_t hdl, const char* name) {
 
 int ssl_obj_set_psk_identity(ssl_obj_hdl_t hdl, const char* identity) {
   return kora::util::set_slot_text(
-      hdl, identity, [](kora::util::Slot& s) { return s.psk_identity; }, sizeof kora::util::Slot{}.psk_identity,
-      "ssl_obj_set_psk_identity");
+      hdl, identity, [](kora::util::Slot& s) { return s.psk_identity; },
+      sizeof kora::util::Slot{}.psk_identity, "ssl_obj_set_psk_identity");
 }
 
 }  // extern "C"
