@@ -42,6 +42,16 @@ class Subprocess {
 int connect_loopback(int port);
 int listen_loopback(int* port);
 
+// The blank-separated words of `command`.
+inline std::vector<std::string> words_of(const std::string& command) {
+  std::vector<std::string> out;
+  std::istringstream words(command);
+  for (std::string w; words >> w;) {
+    out.push_back(w);
+  }
+  return out;
+}
+
 #ifdef KORA_CLI_PATH
 // The tool's command line for the words of `command`; a cross-built tool runs under the emulator.
 inline std::vector<std::string> cli_argv(const std::string& command) {
@@ -50,10 +60,8 @@ inline std::vector<std::string> cli_argv(const std::string& command) {
 #else
   std::vector<std::string> argv = {KORA_CLI_PATH};
 #endif
-  std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    argv.push_back(w);
-  }
+  const std::vector<std::string> words = words_of(command);
+  argv.insert(argv.end(), words.begin(), words.end());
   return argv;
 }
 #endif
