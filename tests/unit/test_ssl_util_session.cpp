@@ -59,7 +59,7 @@ class ObjectPair : public ::testing::TestWithParam<int> {
       char buf[64];
       if (ssl_conn_open(server_, fds[1]) == 0) {
         ssl_conn_write(server_, buf, ssl_conn_read(server_, buf, sizeof buf));
-        ssl_conn_read(server_, buf, sizeof buf);  // until the client's close notification
+        EXPECT_EQ(ssl_conn_read(server_, buf, sizeof buf), 0) << "the client's close notification";
       }
       ssl_conn_close(server_);
       ::close(fds[1]);
