@@ -67,11 +67,6 @@ bool split_host_port(const std::string& text, std::string* host, std::string* po
   return parse_port(*port, &number, why);
 }
 
-bool is_ip_literal(const std::string& host) {
-  unsigned char buf[sizeof(struct in6_addr)];
-  return inet_pton(AF_INET, host.c_str(), buf) == 1 || inet_pton(AF_INET6, host.c_str(), buf) == 1;
-}
-
 Socket tcp_connect(const std::string& host, const std::string& port, std::string* why) {
   struct addrinfo hints {};
   hints.ai_family = AF_UNSPEC;

@@ -48,8 +48,6 @@ class Socket {
 bool parse_port(const std::string& text, int* port, std::string* why);
 // Splits "host:port" or "[v6addr]:port". False with the reason in *why.
 bool split_host_port(const std::string& text, std::string* host, std::string* port, std::string* why);
-// True when `host` is an IPv4 or IPv6 address literal rather than a name.
-bool is_ip_literal(const std::string& host);
 // A TCP connection to host:port; an invalid Socket and the reason in *why on failure.
 Socket tcp_connect(const std::string& host, const std::string& port, std::string* why);
 // A listening TCP socket on `address` ("0.0.0.0", "127.0.0.1") and `port` (0: any free
