@@ -3,11 +3,8 @@
 // the name of what it loaded (SSL_set_cert_info), the rest of the file goes onto the context
 // as the leaf's chain, so every handshake on the object sends it. A DER file holds one
 // certificate and leaves the chain empty.
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-
-#include <cstdlib>
 
 #include "ossl_ptr.h"
 #include "ssl_store.h"
@@ -17,21 +14,6 @@
 
 namespace kora::util {
 namespace {
-
-// The plain bytes of a stored file, wiped and freed when this goes.
-struct StoredFile {
-  void* ptr = nullptr;
-  size_t size = 0;
-  StoredFile() = default;
-  StoredFile(const StoredFile&) = delete;
-  StoredFile& operator=(const StoredFile&) = delete;
-  ~StoredFile() {
-    if (ptr != nullptr) {
-      OPENSSL_cleanse(ptr, size);
-      std::free(ptr);
-    }
-  }
-};
 
 // Adds every certificate after the first in `pem` to the chain of ctx's certificate, provided
 // the first is that certificate. The count added, or -1.

@@ -8,8 +8,11 @@
 
 #include <openssl/ssl.h>
 
+#include <openssl/crypto.h>
+
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 
 #include "ssl_util.h"
 
@@ -23,6 +26,22 @@ struct Slot {
   char server_name[256] = {};   // a client's SNI and expected host name or address; "" for none
   char psk_identity[256] = {};  // a client's chosen PSK table entry; "" lets the server's hint choose
   char peer_alert[64] = {};     // the last alert the peer sent on the connection, "" for none
+};
+
+// The plain bytes of a sealed file as the store's read call hands them out (malloc'd), wiped and
+// freed when this goes.
+struct StoredFile {
+  void* ptr = nullptr;
+  size_t size = 0;
+  StoredFile() = default;
+  StoredFile(const StoredFile&) = delete;
+  StoredFile& operator=(const StoredFile&) = delete;
+  ~StoredFile() {
+    if (ptr != nullptr) {
+      OPENSSL_cleanse(ptr, size);
+      std::free(ptr);
+    }
+  }
 };
 
 // The slot of each record of g_ssl_ctxt, same index.
