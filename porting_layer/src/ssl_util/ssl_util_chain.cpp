@@ -47,7 +47,10 @@ void attach_stored_chain(int index, SSL_CTX* ctx, const char* name) {
   char path[512];
   StoredFile file;
   if (SSL_cert_get_abs_path(name, KORA_NET_SSL_CERTIFICATE_E, path, sizeof path, false) != 0 ||
-      ssl_store_cert_read_decrypt_from_file(path, &file.ptr, &file.size) != 0) {
+      fileExists(path) <= 0) {
+    return;  // a certificate the application installed itself, with a name for its sessions
+  }
+  if (ssl_store_cert_read_decrypt_from_file(path, &file.ptr, &file.size) != 0) {
     UTIL_LOG_ERROR("SSL_set_cert_info: certificate file of %s not readable, no chain sent\n", name);
     return;
   }
