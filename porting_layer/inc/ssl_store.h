@@ -19,6 +19,9 @@ extern "C" {
 
 int ssl_store_init(void);
 int ssl_store_generate_keyblob_store_in_securefs_file(void);
+/* The key blob and nonce loaded by start-up, for checks of the key service by tools: true with
+ * the three outputs set when key material is there, false (outputs untouched) otherwise. */
+bool ssl_store_key_material(const uint8_t** keyblob, size_t* keyblob_len, const uint8_t** nonce);
 extern const char* g_ssl_ta_keyblob_nonce_file_name;
 
 int fileExists(const char* fname);

@@ -137,3 +137,13 @@ int provision_key_material() {
 extern "C" int ssl_store_generate_keyblob_store_in_securefs_file(void) {
   return kora::store::provision_key_material();
 }
+
+extern "C" bool ssl_store_key_material(const uint8_t** keyblob, size_t* keyblob_len, const uint8_t** nonce) {
+  if (!kora::store::key_material_available()) {
+    return false;
+  }
+  *keyblob = gp_tz_keyblob;
+  *keyblob_len = g_keyblob_len;
+  *nonce = gp_ta_nonceBuf;
+  return true;
+}
