@@ -164,8 +164,11 @@ TEST_P(CliRefusal, SaysWhyInOneLineAndWritesNothing) {
 
 const Refusal kRefusals[] = {
     {"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
-    {"dotdot", true, "put di a..b server.pem", 2, "refusing name 'a..b': it contains \"..\""},
-    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "refusing --ca name '..'"},
+    {"dotdot", true, "put di .. server.pem", 2, "refusing name '..': \"..\" names a directory"},
+    {"dot", true, "rm ca .", 2, "refusing name '.': \".\" names a directory"},
+    {"escape_sequence_in_name", true, "put ca a\x1b[2Jb ca.pem", 2,
+     "refusing name 'a\\x1b[2Jb': it contains the byte \\x1b"},
+    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "--ca: refusing name '..'"},
     {"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
     {"unknown_option", true, "ls --all", 2, "unknown option --all"},
     {"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},

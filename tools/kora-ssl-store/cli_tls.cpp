@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cli_files.h"
 #include "cli_names.h"
 #include "cli_report.h"
 #include "commands.h"
@@ -132,8 +133,11 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name) {
   const Kind* kind = find_kind(type);
   const char* title = kind != nullptr ? kind->title : "credential";
-  if (const std::string why = name_problem(name); !why.empty()) {
-    return usage_error("refusing name '" + name + "': " + why);
+  if (const std::string refusal = name_refusal(name); !refusal.empty()) {
+    return usage_error(refusal);
+  }
+  if (const int rc = refuse_irregular_credential(type, name); rc != kExitOk) {
+    return rc;
   }
   if (Is_SSL_cert_file_exist(name.c_str(), type) != KORA_OK) {
     return fail(std::string("no ") + title + " named '" + name + "' in the store");

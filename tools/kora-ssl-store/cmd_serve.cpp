@@ -4,9 +4,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "cli_keys.h"
 #include "cli_report.h"
@@ -14,6 +18,52 @@
 #include "commands.h"
 
 namespace kora::cli {
+namespace {
+
+constexpr int kDefaultHandshakeSeconds = 10;
+
+bool parse_seconds(const std::string& text, int* seconds, std::string* why) {
+  const bool digits =
+      !text.empty() && text.size() <= 4 && text.find_first_not_of("0123456789") == std::string::npos;
+  const int number = digits ? std::stoi(text) : 0;
+  if (number < 1 || number > 3600) {
+    *why = "--timeout '" + text + "' is not a number of seconds from 1 to 3600";
+    return false;
+  }
+  *seconds = number;
+  return true;
+}
+
+// Clients are served one at a time: one that sends nothing, or a byte now and then, gets its
+// socket shut down once its handshake has taken `seconds`, and the next client is served.
+class HandshakeDeadline {
+ public:
+  HandshakeDeadline(int fd, int seconds)
+      : thread_([this, fd, seconds] {
+          std::unique_lock<std::mutex> lock(mutex_);
+          if (!over_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) {
+            (void)::shutdown(fd, SHUT_RDWR);
+          }
+        }) {}
+  ~HandshakeDeadline() {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    over_.notify_one();
+    thread_.join();
+  }
+  HandshakeDeadline(const HandshakeDeadline&) = delete;
+  HandshakeDeadline& operator=(const HandshakeDeadline&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable over_;
+  bool done_ = false;
+  std::thread thread_;  // last: starts once the members it uses exist
+};
+
+}  // namespace
 
 int run_serve(const Args& args) {
   if (args.positional.size() != 1) {
@@ -48,8 +98,12 @@ int run_serve(const Args& args) {
       return fail("requiring client certificates failed");
     }
   }
+  int timeout = kDefaultHandshakeSeconds;
+  if (args.has("--timeout") && !parse_seconds(args.value("--timeout"), &timeout, &why)) {
+    return usage_error(why);
+  }
   int bound = 0;
-  Socket listener = tcp_listen("0.0.0.0", port, &bound, &why);
+  Socket listener = tcp_listen(args.has("--bind") ? args.value("--bind") : "127.0.0.1", port, &bound, &why);
   if (listener.fd() < 0) {
     return fail(why);
   }
@@ -67,7 +121,13 @@ int run_serve(const Args& args) {
       return fail(std::string("accept failed: ") + std::strerror(errno));
     }
     diag_clear();
-    const int rc = ssl_conn_open(obj.hdl(), client.fd());
+    const timeval io_limit{timeout, 0};
+    (void)::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &io_limit, sizeof io_limit);
+    int rc = 0;
+    {
+      const HandshakeDeadline deadline(client.fd(), timeout);
+      rc = ssl_conn_open(obj.hdl(), client.fd());
+    }
     ssl_conn_info_t info{};
     const bool have_info = ssl_conn_get_info(obj.hdl(), &info) == 0;
     const std::string verification =
