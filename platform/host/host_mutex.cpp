@@ -88,6 +88,7 @@ long holder_pid(int fd) {
                       "keeps the lock holds it until that process ends); giving up\n",
                       kLockedDir, holder_pid(fd), waited);
   msg_sprintf(&kSite, text);
+  (void)std::fflush(stderr);  // where the host's sink writes; _exit flushes nothing
   _exit(kExitLockTimeout);
 }
 

@@ -103,12 +103,13 @@ int run_serve(const Args& args) {
     return usage_error(why);
   }
   int bound = 0;
-  Socket listener = tcp_listen(args.has("--bind") ? args.value("--bind") : "127.0.0.1", port, &bound, &why);
+  const std::string address = args.has("--bind") ? args.value("--bind") : "127.0.0.1";
+  Socket listener = tcp_listen(address, port, &bound, &why);
   if (listener.fd() < 0) {
     return fail(why);
   }
-  std::printf("listening on port %d with certificate '%s'%s\n", bound, args.value("--cert").c_str(),
-              verify ? ", client certificates required" : "");
+  std::printf("listening on port %d at %s with certificate '%s'%s\n", bound, address.c_str(),
+              args.value("--cert").c_str(), verify ? ", client certificates required" : "");
   (void)std::fflush(stdout);
 
   int failures = 0;
