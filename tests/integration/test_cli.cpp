@@ -303,6 +303,14 @@ const Planted kPlants[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel);
 
+// A name planted in the store by hand reaches the terminal escaped.
+TEST_F(Cli, LsEscapesANamePlantedInTheStore) {
+  provision();
+  std::ofstream(kStore + "ca_lists/evil\x1b[2J\n") << "x";
+  const std::string out = cli("ls ca").out;
+  EXPECT_NE(out.find("ca   evil\\x1b[2J\\x0a\n"), std::string::npos) << out;
+}
+
 // Another user: whatever the umask, nothing in the tree is open to them, and init closes a
 // tree an older version left open.
 TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {

@@ -65,17 +65,19 @@ struct Material {
   PskPeer psk;
   std::string psk_text;
 
-  ~Material() { OPENSSL_cleanse(psk_text.data(), psk_text.size()); }
+  ~Material() {
+    OPENSSL_cleanse(psk_text.data(), psk_text.size());
+    OPENSSL_cleanse(psk.key.data(), psk.key.size());
+  }
 };
 
-std::string hex(const std::vector<unsigned char>& bytes) {
+// Appends in place: no temporary string holds the key's digits.
+void append_hex(std::string* out, const std::vector<unsigned char>& bytes) {
   static const char digits[] = "0123456789abcdef";
-  std::string out;
   for (unsigned char b : bytes) {
-    out.push_back(digits[b >> 4]);
-    out.push_back(digits[b & 0xf]);
+    out->push_back(digits[b >> 4]);
+    out->push_back(digits[b & 0xf]);
   }
-  return out;
 }
 
 void make_material(Material* m) {
@@ -104,8 +106,12 @@ void make_material(Material* m) {
     throw std::runtime_error("no random bytes for the PSK");
   }
   // A second entry shows the bar-quoted identity that may hold ":".
-  m->psk_text =
-      std::string(kPskIdentity) + ":" + hex(m->psk.key) + "\n|kora:demo:spare|:" + hex(spare) + "\r\n";
+  m->psk_text.reserve(256);  // never reallocated, so no copy of the text is left unwiped
+  m->psk_text.append(kPskIdentity).append(":");
+  append_hex(&m->psk_text, m->psk.key);
+  m->psk_text += "\n|kora:demo:spare|:";
+  append_hex(&m->psk_text, spare);
+  m->psk_text += "\r\n";
   OPENSSL_cleanse(spare.data(), spare.size());
 }
 
