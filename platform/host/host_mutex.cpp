@@ -99,7 +99,8 @@ int lock_data_root() {
   const time_t start = std::time(nullptr);
   long pause_ns = 1000000;
   for (;;) {
-    const int fd = ::open(kLockedDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // Followed if it is a link: a device may mount its data partition elsewhere.
+    const int fd = ::open(kLockedDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
       return -1;  // no data root: the store has no file to keep apart
     }

@@ -53,13 +53,15 @@ std::string owner_problem(const std::string& path, const struct stat& st) {
 std::string make_private(int dir_fd, const std::string& path) {
   DIR* dir = ::fdopendir(dir_fd);
   if (dir == nullptr) {
-    const std::string why = errno_text(path);
+    std::string why = errno_text(path);
     (void)::close(dir_fd);
     return why;
   }
   std::string why;
   while (why.empty()) {
     errno = 0;
+    // Each stream is this walk's own, on one thread: readdir is safe, readdir_r deprecated.
+    // cppcheck-suppress readdirCalled
     const dirent* entry = ::readdir(dir);
     if (entry == nullptr) {
       why = errno != 0 ? errno_text(path) : "";
@@ -139,8 +141,8 @@ std::string tree_owner_problem() {
   for (const char* path : {kDataRoot, kStoreRoot}) {
     struct stat st {};
     if (::lstat(path, &st) != 0) {
-      if (errno == ENOENT && path == kStoreRoot) {
-        break;
+      if (errno == ENOENT && std::string(path) == kStoreRoot) {
+        break;  // init is about to make it
       }
       return errno_text(path);
     }
@@ -166,7 +168,7 @@ std::string make_tree_private() {
     return errno_text(kStoreRoot);
   }
   if (::fchmod(fd, 0700) != 0) {
-    const std::string why = errno_text(kStoreRoot);
+    std::string why = errno_text(kStoreRoot);
     (void)::close(fd);
     return why;
   }

@@ -74,6 +74,10 @@ int run_serve(const Args& args) {
   if (!parse_port(args.positional[0], &port, &why)) {
     return usage_error(why);
   }
+  int timeout = kDefaultHandshakeSeconds;
+  if (args.has("--timeout") && !parse_seconds(args.value("--timeout"), &timeout, &why)) {
+    return usage_error(why);
+  }
   if (!args.has("--cert")) {
     return usage_error("serve needs --cert NAME: a server presents a certificate");
   }
@@ -97,10 +101,6 @@ int run_serve(const Args& args) {
     if (ssl_obj_set_verify(obj.hdl(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT) != 0) {
       return fail("requiring client certificates failed");
     }
-  }
-  int timeout = kDefaultHandshakeSeconds;
-  if (args.has("--timeout") && !parse_seconds(args.value("--timeout"), &timeout, &why)) {
-    return usage_error(why);
   }
   int bound = 0;
   const std::string address = args.has("--bind") ? args.value("--bind") : "127.0.0.1";
