@@ -34,14 +34,10 @@ Socket::~Socket() {
 }
 
 bool parse_port(const std::string& text, int* port, std::string* why) {
-  const bool digits =
-      !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos;
-  const int number = digits ? std::stoi(text) : 0;
-  if (number < 1 || number > 65535) {
+  if (!parse_number(text, 1, 65535, port)) {
     *why = "port '" + text + "' is not a number from 1 to 65535";
     return false;
   }
-  *port = number;
   return true;
 }
 

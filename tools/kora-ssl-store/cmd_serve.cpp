@@ -22,18 +22,6 @@ namespace {
 
 constexpr int kDefaultHandshakeSeconds = 10;
 
-bool parse_seconds(const std::string& text, int* seconds, std::string* why) {
-  const bool digits =
-      !text.empty() && text.size() <= 4 && text.find_first_not_of("0123456789") == std::string::npos;
-  const int number = digits ? std::stoi(text) : 0;
-  if (number < 1 || number > 3600) {
-    *why = "--timeout '" + text + "' is not a number of seconds from 1 to 3600";
-    return false;
-  }
-  *seconds = number;
-  return true;
-}
-
 // Clients are served one at a time: one that sends nothing, or a byte now and then, gets its
 // socket shut down once its handshake has taken `seconds`, and the next client is served.
 class HandshakeDeadline {
@@ -75,8 +63,9 @@ int run_serve(const Args& args) {
     return usage_error(why);
   }
   int timeout = kDefaultHandshakeSeconds;
-  if (args.has("--timeout") && !parse_seconds(args.value("--timeout"), &timeout, &why)) {
-    return usage_error(why);
+  if (args.has("--timeout") && !parse_number(args.value("--timeout"), 1, 3600, &timeout)) {
+    return usage_error("--timeout '" + args.value("--timeout") +
+                       "' is not a number of seconds from 1 to 3600");
   }
   if (!args.has("--cert")) {
     return usage_error("serve needs --cert NAME: a server presents a certificate");
