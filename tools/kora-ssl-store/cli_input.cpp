@@ -55,21 +55,6 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why) {
   return true;
 }
 
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
-    *why = "cannot create " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  const size_t put = std::fwrite(data, 1, size, f);
-  const bool ok = put == size && std::fflush(f) == 0;
-  if (std::fclose(f) != 0 || !ok) {
-    *why = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
 X509Ptr parse_certificate(const std::vector<uint8_t>& bytes) {
   BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
   if (!bio) {

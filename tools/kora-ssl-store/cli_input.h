@@ -33,8 +33,6 @@ inline constexpr size_t kMaxInputSize = 1u << 20;
 // Reads the whole file at `path`. False with the reason in *why (missing, a directory,
 // empty, too large).
 bool read_input(const std::string& path, FileBytes* out, std::string* why);
-// Writes `size` bytes to `path` (created or replaced). False with the reason in *why.
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why);
 
 // A certificate in PEM or DER; null when the bytes hold none.
 X509Ptr parse_certificate(const std::vector<uint8_t>& bytes);

@@ -34,7 +34,8 @@ int run_ls(const Args& args) {
       return fail_store(std::string("listing the stored ") + k->title + "s failed", n);
     }
     for (int i = 0; i < n && i < 10; ++i) {
-      std::printf("%-4s %s\n", k->word, list.name[i]);
+      // A name planted in the store by hand may hold any byte.
+      std::printf("%-4s %s\n", k->word, escaped(list.name[i]).c_str());
     }
     if (n >= 10) {
       (void)std::fprintf(

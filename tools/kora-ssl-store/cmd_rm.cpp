@@ -1,6 +1,7 @@
 // rm: remove one credential (a certificate with its private key) and its session files.
 #include <string>
 
+#include "cli_files.h"
 #include "cli_keys.h"
 #include "cli_names.h"
 #include "cli_report.h"
@@ -19,6 +20,9 @@ int run_rm(const Args& args) {
     return usage_error(why);
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
+    return rc;
+  }
+  if (const int rc = refuse_irregular_credential(kind.type, name); rc != kExitOk) {
     return rc;
   }
   if (Is_SSL_cert_file_exist(name.c_str(), kind.type) != KORA_OK) {
