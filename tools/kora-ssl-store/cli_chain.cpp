@@ -50,6 +50,13 @@ bool parse_chain(const std::vector<uint8_t>& bytes, CertChain* out, std::string*
 
 void order_chain(CertChain* chain) {
   std::vector<X509Ptr>& c = chain->certs;
+  for (size_t i = 0; i < c.size(); ++i) {
+    for (size_t j = c.size() - 1; j > i; --j) {
+      if (X509_cmp(c[i].get(), c[j].get()) == 0) {
+        c.erase(c.begin() + static_cast<long>(j));
+      }
+    }
+  }
   for (size_t i = 0; i + 1 < c.size(); ++i) {
     for (size_t j = i + 1; j < c.size(); ++j) {
       if (X509_check_issued(c[j].get(), c[i].get()) == X509_V_OK) {

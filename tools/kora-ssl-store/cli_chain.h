@@ -23,9 +23,9 @@ struct CertChain {
 // reason in *why (no certificate, a broken PEM entry, trailing bytes after DER).
 bool parse_chain(const std::vector<uint8_t>& bytes, CertChain* out, std::string* why);
 
-// Puts the issuer of each certificate right after it, starting at the leaf; certificates
-// that issue none of the others keep their order at the end. For PKCS#12 bags, which need
-// not keep the chain's order.
+// Drops repeated certificates and puts the issuer of each certificate right after it,
+// starting at the leaf; certificates that issue none of the others keep their order at the
+// end. For PKCS#12 bags, which need neither keep the chain's order nor avoid repeats.
 void order_chain(CertChain* chain);
 
 // The bytes the store keeps for `chain`: the DER of a DER certificate, else the PEM text of

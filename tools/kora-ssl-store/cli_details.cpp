@@ -39,7 +39,7 @@ std::string expiry_text(const ASN1_TIME* not_after, int64_t* days_left) {
   if (days < 0 || (days == 0 && seconds < 0)) {
     return "EXPIRED";
   }
-  if (days < kExpiryWarningDays) {
+  if (days <= kExpiryWarningDays) {
     return "EXPIRES SOON";
   }
   return "valid";

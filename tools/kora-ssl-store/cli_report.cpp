@@ -102,6 +102,9 @@ int fail(const std::string& what) {
 }
 
 int fail_store(const std::string& what, int status) {
+  if (!diag_verbose()) {
+    return fail(what + " (run again with -v for the store's status and messages)");
+  }
   std::string line = what + ": store status " + std::to_string(status) + " (" + status_name(status) + ")";
   const std::string last = diag_last_error();
   if (!last.empty()) {
