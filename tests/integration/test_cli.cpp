@@ -183,10 +183,10 @@ constexpr const char* kLeafScript =
 
 struct KeyForm {
   const char* label;
-  const char* genpkey;  // algorithm options
-  const char* convert;  // makes the file "key" from k.pem; ends in "&&" or in "|" to feed the tool
-  const char* put;      // options after "put cert x"
-  const char* key_line; // the key as show describes it
+  const char* genpkey;   // algorithm options
+  const char* convert;   // makes the file "key" from k.pem; ends in "&&" or in "|" to feed the tool
+  const char* put;       // options after "put cert x"
+  const char* key_line;  // the key as show describes it
 };
 void PrintTo(const KeyForm& k, std::ostream* os) { *os << k.label; }
 class CliKeyForm : public Cli, public ::testing::WithParamInterface<KeyForm> {};
@@ -204,19 +204,20 @@ TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
 }
 
 const KeyForm kKeyForms[] = {
-    {"ec_sec1_der_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-384", "openssl ec -in k.pem -outform DER -out key &&",
-     "--cert x.der --key key", "EC P-384"},
-    {"ec_pkcs8_pem_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256", "cp k.pem key &&", "--cert x.der --key key",
-     "EC P-256"},
-    {"rsa_traditional_pem", "-algorithm RSA", "openssl rsa -in k.pem -traditional -out key &&", "--cert x.pem --key key",
-     "RSA 2048"},
-    {"rsa_pkcs1_der_pem_cert", "-algorithm RSA", "openssl rsa -in k.pem -traditional -outform DER -out key &&",
+    {"ec_sec1_der_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-384",
+     "openssl ec -in k.pem -outform DER -out key &&", "--cert x.der --key key", "EC P-384"},
+    {"ec_pkcs8_pem_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256", "cp k.pem key &&",
+     "--cert x.der --key key", "EC P-256"},
+    {"rsa_traditional_pem", "-algorithm RSA", "openssl rsa -in k.pem -traditional -out key &&",
      "--cert x.pem --key key", "RSA 2048"},
-    {"ed25519_pkcs8_der", "-algorithm ED25519", "openssl pkcs8 -topk8 -nocrypt -in k.pem -outform DER -out key &&",
-     "--cert x.pem --key key", "ED25519"},
+    {"rsa_pkcs1_der_pem_cert", "-algorithm RSA",
+     "openssl rsa -in k.pem -traditional -outform DER -out key &&", "--cert x.pem --key key", "RSA 2048"},
+    {"ed25519_pkcs8_der", "-algorithm ED25519",
+     "openssl pkcs8 -topk8 -nocrypt -in k.pem -outform DER -out key &&", "--cert x.pem --key key", "ED25519"},
     {"ed448_pem", "-algorithm ED448", "cp k.pem key &&", "--cert x.der --key key", "ED448"},
-    {"encrypted_pkcs8_pass", "-algorithm ED25519", "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key &&",
-     "--cert x.pem --key key --pass pass:pw", "ED25519"},
+    {"encrypted_pkcs8_pass", "-algorithm ED25519",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key &&", "--cert x.pem --key key --pass pass:pw",
+     "ED25519"},
     {"encrypted_der_env", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -outform DER -out key; export PW=pw &&",
      "--cert x.der --key key --pass env:PW", "EC P-256"},
@@ -224,13 +225,14 @@ const KeyForm kKeyForms[] = {
      "openssl rsa -in k.pem -aes128 -traditional -passout pass:pw -out key 2>/dev/null &&",
      "--cert x.pem --key key --pass file:pw.txt", "RSA 2048"},
     {"encrypted_stdin_cert_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
-     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; cat x.pem |", "--cert - --key key --pass file:pw.txt",
-     "EC P-256"},
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; cat x.pem |",
+     "--cert - --key key --pass file:pw.txt", "EC P-256"},
     {"encrypted_pass_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
-     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |", "--cert x.pem --key key --pass stdin",
-     "EC P-256"},
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |",
+     "--cert x.pem --key key --pass stdin", "EC P-256"},
     {"pkcs12", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
-     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw", "EC P-256"},
+     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw",
+     "EC P-256"},
 };
 INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
 
@@ -253,11 +255,14 @@ TEST_P(CliKeyFault, RefusesInOneLineAndStoresNothing) {
 }
 
 const Fault kKeyFaults[] = {
-    {"wrong_pass", "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key --pass pass:no",
+    {"wrong_pass",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key --pass pass:no",
      "the pass phrase does not decrypt the key"},
-    {"no_pass_no_terminal", "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key",
+    {"no_pass_no_terminal",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key",
      "key: encrypted; give its pass phrase with --pass"},
-    {"p12_wrong_pass", "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out p; $KORA put cert x --p12 p --pass pass:no",
+    {"p12_wrong_pass",
+     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out p; $KORA put cert x --p12 p --pass pass:no",
      "the pass phrase does not open p"},
     {"stdin_twice", "cat x.pem | $KORA put cert x --cert - --key -", "standard input is already read"},
     {"der_with_trailing_bytes", "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem",
@@ -276,8 +281,9 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   Result r = cli("put cert full --cert full.pem --key leaf.key");
   EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
   // A bag lists its certificates in any order, some twice; the stored chain runs leaf, issuer, root.
-  r = shell("openssl pkcs12 -export -in full.pem -inkey leaf.key -certfile bag.pem -passout pass: -out p.p12 &&"
-            "$KORA put cert bag --p12 p.p12 && $KORA show --json cert bag");
+  r = shell(
+      "openssl pkcs12 -export -in full.pem -inkey leaf.key -certfile bag.pem -passout pass: -out p.p12 &&"
+      "$KORA put cert bag --p12 p.p12 && $KORA show --json cert bag");
   EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
   EXPECT_NE(r.out.find("\"chain_length\" : 3"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"issuer\" : \"CN = mid\""), std::string::npos) << r.out;
@@ -289,8 +295,9 @@ TEST_F(Cli, PskCommentsAreStrippedAndAListingShowsIdentitiesNeverKeys) {
   Result r = cli("put psk notes psk_comments.txt");
   EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
   r = cli("ls -l psk");
-  EXPECT_EQ(r.out, "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
-                   "    entries:       1\n    identities:    dev1\n");
+  EXPECT_EQ(r.out,
+            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
+            "    entries:       1\n    identities:    dev1\n");
   EXPECT_EQ(r.out.find("0011"), std::string::npos);
   // A refused table leaves the one stored before in place.
   EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
@@ -314,7 +321,8 @@ TEST_F(Cli, ShowsCertificateDetailsAsTextAndJson) {
   provision();
   const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
   Result r = cli("show cert srv");
-  EXPECT_EQ(r.out.rfind("cert srv\n    subject:       CN = test-server\n    issuer:        CN = test-ca\n", 0), 0u)
+  EXPECT_EQ(
+      r.out.rfind("cert srv\n    subject:       CN = test-server\n    issuer:        CN = test-ca\n", 0), 0u)
       << r.out;
   for (const std::string& part : std::vector<std::string>{"EXPIRES SOON", "key:           EC P-256",
                                                           "chain length:  1", "sha256:        " + fp.out}) {
@@ -331,14 +339,16 @@ TEST_F(Cli, ShowsCertificateDetailsAsTextAndJson) {
 // certificate issued for it.
 TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
   provision();
-  Result r = cli("csr dev --subject /CN=dev42/O=Kora --key ed25519 --san DNS:dev42.example,IP:127.0.0.1 --out dev.csr");
+  Result r = cli(
+      "csr dev --subject /CN=dev42/O=Kora --key ed25519 --san DNS:dev42.example,IP:127.0.0.1 --out dev.csr");
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(slurp(kStore + "private_keys/dev").find("PRIVATE KEY"), std::string::npos);
   EXPECT_NE(cli("show cert dev").out.find("key only: waiting for its certificate"), std::string::npos);
   EXPECT_EQ(cli("csr dev --subject /CN=again").code, 1);
   EXPECT_EQ(cli("put cert dev --cert server.pem").code, 1);  // issued to another key
-  r = shell("openssl x509 -req -in dev.csr -CA ca.pem -CAkey ca.key -CAcreateserial -copy_extensions copy -days 5 "
-            "-out dev.pem 2>/dev/null && $KORA put cert dev --cert dev.pem");
+  r = shell(
+      "openssl x509 -req -in dev.csr -CA ca.pem -CAkey ca.key -CAcreateserial -copy_extensions copy -days 5 "
+      "-out dev.pem 2>/dev/null && $KORA put cert dev --cert dev.pem");
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("(CN = dev42, O = Kora) with its ED25519 private key"), std::string::npos) << r.out;
   expect_handshake("dev");
@@ -382,13 +392,15 @@ const Refusal kRefusals[] = {
     {"psk_malformed", true, "put psk x ca.pem", 1, "ca.pem line 1: no \":\" between identity and key"},
     {"psk_no_colon", true, "put psk x psk_no_colon.txt", 1, "line 2: no \":\""},
     {"psk_duplicate", true, "put psk x psk_duplicate.txt", 1, "line 3: duplicate identity (first on line 1)"},
-    {"psk_identity_unsendable", true, "put psk x psk_long_identity.txt", 1, "257 bytes; OpenSSL sends at most 256"},
+    {"psk_identity_unsendable", true, "put psk x psk_long_identity.txt", 1,
+     "257 bytes; OpenSSL sends at most 256"},
     {"psk_key_too_long", true, "put psk x psk_long_key.txt", 1, "257 bytes; the store holds at most 256"},
     {"psk_odd_digits", true, "put psk x psk_odd_key.txt", 1, "line 1: the key has an odd number"},
     {"psk_bar_unquoted", true, "put psk x psk_bar.txt", 1, "write the identity as |IDENTITY|:HEXKEY"},
     {"chain_leaf_not_first", true, "put cert x --cert chain_reversed.pem --key server.key", 1,
      "is not the private key of the first certificate"},
-    {"encrypted_no_pass", true, "put cert x --cert server.pem --key server.key --pass bogus", 2, "--pass takes"},
+    {"encrypted_no_pass", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
+     "--pass takes"},
     {"attach_without_key", true, "put cert x --cert server.pem", 1, "no private key is stored under 'x'"},
     {"csr_bad_subject", true, "csr x --subject CN=x", 2, "--subject must look like /CN=NAME"},
     {"csr_bad_key", true, "csr x --subject /CN=x --key dsa:1024", 2, "unknown key type 'dsa:1024'"},

@@ -22,7 +22,8 @@ constexpr size_t kTimeTextSize = sizeof "YYYY-MM-DD HH:MM:SS UTC";
 std::string time_text(const ASN1_TIME* t) {
   struct tm tm {};
   char text[kTimeTextSize] = {0};
-  if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1 || std::strftime(text, sizeof text, kTimeFormat, &tm) == 0) {
+  if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1 ||
+      std::strftime(text, sizeof text, kTimeFormat, &tm) == 0) {
     return "(unreadable)";
   }
   return text;
@@ -69,7 +70,8 @@ void add_certificate(const X509* cert, std::vector<Field>* fields) {
   fields->push_back({"sha256", "sha256", fingerprint(cert)});
 }
 
-bool read_chain(const Kind& kind, const std::string& name, CertChain* chain, FileBytes* bytes, std::string* why) {
+bool read_chain(const Kind& kind, const std::string& name, CertChain* chain, FileBytes* bytes,
+                std::string* why) {
   if (!read_stored(name, kind.type, false, bytes, why)) {
     return false;
   }

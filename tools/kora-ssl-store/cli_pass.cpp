@@ -112,7 +112,8 @@ int PassPhrase::pem_callback(char* buf, int size, int /*rwflag*/, void* user) {
     return -1;
   }
   if (self->size() > static_cast<size_t>(size)) {
-    self->problem_ = "the pass phrase for " + self->what_ + " is longer than " + std::to_string(size) + " bytes";
+    self->problem_ =
+        "the pass phrase for " + self->what_ + " is longer than " + std::to_string(size) + " bytes";
     return -1;
   }
   std::memcpy(buf, self->data(), self->size());

@@ -22,10 +22,10 @@ using EncoderCtxPtr = std::unique_ptr<OSSL_ENCODER_CTX, Free<&OSSL_ENCODER_CTX_f
 constexpr const char* kPkcs8Structure = "PrivateKeyInfo";
 
 struct KeySpec {
-  const char* word;      // as --key takes it
-  const char* type;      // OpenSSL's key type name
-  const char* group;     // EC curve, or null
-  unsigned int rsa_bits; // RSA modulus size, or 0
+  const char* word;       // as --key takes it
+  const char* type;       // OpenSSL's key type name
+  const char* group;      // EC curve, or null
+  unsigned int rsa_bits;  // RSA modulus size, or 0
 };
 
 constexpr unsigned int kRsaBits = 3072;
@@ -69,8 +69,8 @@ EvpPkeyPtr decode_private_key(const std::vector<uint8_t>& bytes, PassPhrase* pas
 }
 
 bool encode_key_for_store(const EVP_PKEY* key, bool der, FileBytes* out, std::string* why) {
-  EncoderCtxPtr ctx(OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_KEYPAIR, der ? "DER" : "PEM", kPkcs8Structure,
-                                                  nullptr));
+  EncoderCtxPtr ctx(
+      OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_KEYPAIR, der ? "DER" : "PEM", kPkcs8Structure, nullptr));
   BioPtr bio(BIO_new(BIO_s_mem()));
   if (!ctx || !bio || OSSL_ENCODER_CTX_get_num_encoders(ctx.get()) == 0 ||
       OSSL_ENCODER_to_bio(ctx.get(), bio.get()) != 1) {

@@ -85,8 +85,8 @@ std::string key_problem(std::string_view key) {
     return "the key has an odd number of hexadecimal digits (two per byte)";
   }
   if (key.size() / kHexDigitsPerByte > kMaxPskKeyBytes) {
-    return "the key has " + std::to_string(key.size() / kHexDigitsPerByte) + " bytes; the store holds at most " +
-           std::to_string(kMaxPskKeyBytes);
+    return "the key has " + std::to_string(key.size() / kHexDigitsPerByte) +
+           " bytes; the store holds at most " + std::to_string(kMaxPskKeyBytes);
   }
   return "";
 }

@@ -32,7 +32,8 @@ bool stored_exists(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool 
   return !path.empty() && fileExists(path.c_str()) == 1;
 }
 
-bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::string>* names, std::string* why) {
+bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::string>* names,
+                  std::string* why) {
   // An empty name resolves to the kind's directory itself.
   const std::string directory = stored_path("", type, key);
   DIR* dir = directory.empty() ? nullptr : ::opendir(directory.c_str());

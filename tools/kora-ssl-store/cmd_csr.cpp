@@ -127,7 +127,8 @@ int run_csr(const Args& args) {
   }
   Kind kind{};
   const std::string& name = args.positional[0];
-  if (const std::string why = target_problem(find_kind(KORA_NET_SSL_CERTIFICATE_E)->word, name, &kind); !why.empty()) {
+  if (const std::string why = target_problem(find_kind(KORA_NET_SSL_CERTIFICATE_E)->word, name, &kind);
+      !why.empty()) {
     return usage_error(why);
   }
   std::string why;
@@ -147,7 +148,8 @@ int run_csr(const Args& args) {
   }
   const bool taken = stored_exists(name, kind.type, false) || stored_exists(name, kind.type, true);
   if (taken && !args.has("--force")) {
-    return fail("certificate '" + name + "' or its key is already stored: pick another name, or give --force to " +
+    return fail("certificate '" + name +
+                "' or its key is already stored: pick another name, or give --force to " +
                 "replace it (its certificate and key are removed)");
   }
   const EvpPkeyPtr key = generate_key(key_spec, &why);
@@ -179,8 +181,8 @@ int run_csr(const Args& args) {
   }
   (void)std::fprintf(out == kStdioPath ? stderr : stdout,
                      "new %s key sealed under certificate name '%s'; request %s%s\n",
-                     key_description(key.get()).c_str(), name.c_str(), out == kStdioPath ? "on standard output" : "in ",
-                     out == kStdioPath ? "" : out.c_str());
+                     key_description(key.get()).c_str(), name.c_str(),
+                     out == kStdioPath ? "on standard output" : "in ", out == kStdioPath ? "" : out.c_str());
   return kExitOk;
 }
 

@@ -103,7 +103,8 @@ int put_file(const Args& args, const Kind& kind, const std::string& name) {
     return rc;
   }
   diag_clear();
-  const int status = SSL_cert_store(name.c_str(), kind.type, file.data(), static_cast<int>(file.size()), false);
+  const int status =
+      SSL_cert_store(name.c_str(), kind.type, file.data(), static_cast<int>(file.size()), false);
   if (status != KORA_OK) {
     return fail_store(std::string("storing ") + kind.title + " '" + name + "' failed", status);
   }

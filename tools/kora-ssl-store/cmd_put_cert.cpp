@@ -96,8 +96,8 @@ bool read_key_file(const std::string& path, PassPhrase* pass, Credential* out, s
 // The key `csr` stored under the name, for a certificate issued to it.
 bool read_stored_key(const std::string& name, Credential* out, std::string* why) {
   if (!stored_exists(name, KORA_NET_SSL_CERTIFICATE_E, true)) {
-    *why = "no private key is stored under '" + name + "': give --key FILE, or make one with 'kora-ssl-store csr " +
-           name + "'";
+    *why = "no private key is stored under '" + name +
+           "': give --key FILE, or make one with 'kora-ssl-store csr " + name + "'";
     return false;
   }
   FileBytes stored;
@@ -171,9 +171,11 @@ int put_cert(const Args& args, const std::string& name) {
   }
   if (X509_check_private_key(cred.chain.leaf(), cred.key.get()) != 1) {
     ERR_clear_error();
-    const std::string key_source = args.has("--key") ? args.value("--key") : "the key stored under '" + name + "'";
-    return fail(key_source + " is not the private key of the first certificate: put the leaf first, then its "
-                             "intermediates");
+    const std::string key_source =
+        args.has("--key") ? args.value("--key") : "the key stored under '" + name + "'";
+    return fail(key_source +
+                " is not the private key of the first certificate: put the leaf first, then its "
+                "intermediates");
   }
   FileBytes cert_bytes;
   FileBytes key_bytes;
