@@ -42,6 +42,8 @@ bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::stri
     return false;
   }
   names->clear();
+  // readdir on a stream of our own is safe; readdir_r is deprecated.
+  // cppcheck-suppress readdirCalled
   while (const struct dirent* entry = ::readdir(dir)) {
     if (entry->d_type == DT_REG) {
       names->emplace_back(entry->d_name);
