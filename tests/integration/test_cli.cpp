@@ -352,6 +352,9 @@ TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("(CN = dev42, O = Kora) with its ED25519 private key"), std::string::npos) << r.out;
   expect_handshake("dev");
+  ASSERT_EQ(cli("csr gone --subject /CN=gone --out gone.csr").code, 0);
+  EXPECT_EQ(cli("rm cert gone").code, 0);  // a key waiting for its certificate
+  EXPECT_FALSE(fs::exists(kStore + "private_keys/gone"));
 }
 
 struct Refusal {

@@ -16,21 +16,6 @@ namespace {
 
 constexpr mode_t kOutputMode = 0644;
 
-bool write_all(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 bool write_output_file(const std::string& path, const uint8_t* data, size_t size, Existing existing,
@@ -57,16 +42,22 @@ bool write_output_file(const std::string& path, const uint8_t* data, size_t size
     return false;
   }
   struct stat st {};
-  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-  if (!ok) {
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    (void)::close(fd);
     *why = path + " is not a regular file: give the path of a regular file";
-  } else if (::ftruncate(fd, 0) != 0 || !write_all(fd, data, size) || ::fsync(fd) != 0) {
-    *why = "cannot write " + path + ": " + std::strerror(errno);
-    ok = false;
+    return false;
   }
-  if (::close(fd) != 0 && ok) {
+  FILE* f = ::fdopen(fd, "w");
+  if (f == nullptr) {
+    (void)::close(fd);
     *why = "cannot write " + path + ": " + std::strerror(errno);
-    ok = false;
+    return false;
+  }
+  bool ok = ::ftruncate(fd, 0) == 0 && std::fwrite(data, 1, size, f) == size && std::fflush(f) == 0 &&
+            ::fsync(fd) == 0;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok) {
+    *why = "cannot write " + path + ": " + std::strerror(errno);
   }
   return ok;
 }

@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli_keys.h"
+#include "cli_report.h"
+#include "commands.h"
 #include "ssl_store.h"
 
 namespace kora::cli {
@@ -52,6 +55,17 @@ bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::stri
   (void)::closedir(dir);
   std::sort(names->begin(), names->end());
   return true;
+}
+
+int open_target(const Args& args, const char* command, Kind* kind, std::string* name) {
+  if (args.positional.size() != 2) {
+    return usage_error(std::string(command) + " needs KIND and NAME");
+  }
+  *name = args.positional[1];
+  if (const std::string why = target_problem(args.positional[0], *name, kind); !why.empty()) {
+    return usage_error(why);
+  }
+  return load_key_material();
 }
 
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,

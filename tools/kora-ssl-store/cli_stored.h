@@ -4,7 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "cli_args.h"
 #include "cli_input.h"
+#include "cli_names.h"
 #include "kora_net_ssl.h"
 
 namespace kora::cli {
@@ -20,6 +22,11 @@ bool stored_exists(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool 
 // listing call stops at ten names; this reads the kind's directory, which the store names
 // through its path resolution. Like the store's listing, it takes regular files only.
 bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::string>* names, std::string* why);
+
+// For commands that take KIND NAME and nothing else (show, rm): checks both words and loads
+// the store's key material. kExitOk with *kind and *name set, else the exit code after the
+// refusal line was printed.
+int open_target(const Args& args, const char* command, Kind* kind, std::string* name);
 
 // Unseals one stored file into *out. False with the reason in *why.
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,
