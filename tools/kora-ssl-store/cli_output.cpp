@@ -1,63 +1,60 @@
-// Creating output files safely.
+// Output files: a private temporary file renamed into place.
 #include "cli_output.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <stdio.h>  // renameat2
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-
-#include "cli_input.h"
+#include <vector>
 
 namespace kora::cli {
 namespace {
 
-constexpr mode_t kOutputMode = 0644;
+bool write_all(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
 
 }  // namespace
 
-bool write_output_file(const std::string& path, const uint8_t* data, size_t size, Existing existing,
+bool write_output_file(const std::string& path, const uint8_t* data, size_t size, bool replace,
                        std::string* why) {
-  if (path == kStdioPath) {
-    if (std::fwrite(data, 1, size, stdout) != size || std::fflush(stdout) != 0) {
-      *why = "writing to standard output failed";
-      return false;
-    }
-    return true;
-  }
-  // O_NONBLOCK: opening a FIFO in the way must not hang; it is refused below as not regular.
-  int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-  flags |= existing == Existing::kRefuse ? O_EXCL : 0;
-  const int fd = ::open(path.c_str(), flags, kOutputMode);
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string temp = dir + (slash == std::string::npos ? "/" : "") + ".kora-ssl-store-XXXXXX";
+  std::vector<char> name(temp.begin(), temp.end());
+  name.push_back('\0');
+  // O_EXCL and mode 0600: a file only this call made, whatever was planted beside it.
+  const int fd = ::mkostemp(name.data(), O_CLOEXEC);
   if (fd < 0) {
-    if (errno == EEXIST) {
-      *why = path + " exists: choose another file or give --force to replace it";
-    } else if (errno == ELOOP) {
-      *why = path + " is a symbolic link: give the path of a regular file";
-    } else {
-      *why = "cannot create " + path + ": " + std::strerror(errno);
-    }
+    *why = "cannot create a file in " + dir + ": " + std::strerror(errno);
     return false;
   }
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    (void)::close(fd);
-    *why = path + " is not a regular file: give the path of a regular file";
-    return false;
-  }
-  FILE* f = ::fdopen(fd, "w");
-  if (f == nullptr) {
-    (void)::close(fd);
-    *why = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  bool ok = ::ftruncate(fd, 0) == 0 && std::fwrite(data, 1, size, f) == size && std::fflush(f) == 0 &&
-            ::fsync(fd) == 0;
-  ok = std::fclose(f) == 0 && ok;
+  temp = name.data();
+  bool ok = write_all(fd, data, size) && ::fsync(fd) == 0;
+  ok = ::close(fd) == 0 && ok;
   if (!ok) {
     *why = "cannot write " + path + ": " + std::strerror(errno);
+  } else if (::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, path.c_str(), replace ? 0 : RENAME_NOREPLACE) !=
+             0) {
+    ok = false;
+    *why = errno == EEXIST ? path + " exists; give --force to replace it"
+                           : "cannot create " + path + ": " + std::strerror(errno);
+  }
+  if (!ok) {
+    (void)::unlink(temp.c_str());
   }
   return ok;
 }

@@ -138,10 +138,11 @@ int run_csr(const Args& args) {
   }
   const std::string key_spec = args.has("--key") ? args.value("--key") : kDefaultKey;
   const std::string out = args.has("--out") ? args.value("--out") : kStdioPath;
-  const Existing existing = args.has("--force") ? Existing::kReplace : Existing::kRefuse;
+  const bool replace = args.has("--force");
   struct stat st {};
-  if (out != kStdioPath && existing == Existing::kRefuse && ::lstat(out.c_str(), &st) == 0) {
-    return fail(out + " exists: choose another file or give --force to replace it");
+  // Checked before the key is made and stored; the write itself refuses a file planted since.
+  if (out != kStdioPath && !replace && ::lstat(out.c_str(), &st) == 0) {
+    return fail(out + " exists; give --force to replace it");
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
@@ -175,9 +176,14 @@ int run_csr(const Args& args) {
   if (status != KORA_OK) {
     return fail_store("storing the new private key under '" + name + "' failed", status);
   }
-  if (!write_output_file(out, reinterpret_cast<const uint8_t*>(pem.data()), pem.size(), existing, &why)) {
+  const auto* pem_bytes = reinterpret_cast<const uint8_t*>(pem.data());
+  const bool written = out == kStdioPath ? std::fwrite(pem_bytes, 1, pem.size(), stdout) == pem.size() &&
+                                               std::fflush(stdout) == 0
+                                         : write_output_file(out, pem_bytes, pem.size(), replace, &why);
+  if (!written) {
     (void)SSL_cert_store(name.c_str(), kind.type, nullptr, 0, false);
-    return fail(why + "; the new key was not kept");
+    return fail((why.empty() ? "writing the request to standard output failed" : why) +
+                "; the new key was not kept");
   }
   (void)std::fprintf(out == kStdioPath ? stderr : stdout,
                      "new %s key sealed under certificate name '%s'; request %s%s\n",
