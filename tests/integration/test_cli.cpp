@@ -230,6 +230,8 @@ const KeyForm kKeyForms[] = {
     {"encrypted_pass_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |",
      "--cert x.pem --key key --pass stdin", "EC P-256"},
+    {"certificate_then_key_in_one_file", "-algorithm ED448", "cat x.pem k.pem >key &&",
+     "--cert key --key key", "ED448"},
     {"pkcs12", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
      "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw",
      "EC P-256"},

@@ -36,7 +36,6 @@ inline constexpr const char* kStdioPath = "-";
 
 // Reads the whole file at `path`, or standard input when `path` is "-". False with the reason
 // in *why (missing, a directory, empty, too large, standard input already used).
-
 bool read_input(const std::string& path, FileBytes* out, std::string* why);
 // Marks standard input as used by something other than read_input (a pass phrase). False
 // when it already is.

@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
+#include <openssl/pem.h>
 
 #include <memory>
 
@@ -57,6 +58,16 @@ EvpPkeyPtr decode_private_key(const std::vector<uint8_t>& bytes, PassPhrase* pas
   EvpPkeyPtr owned(key);
   if (ok == 1 && owned) {
     return owned;
+  }
+  if (pass->problem().empty() && !pass->asked()) {
+    // The decoder reads the first PEM block only; a file with the certificate before its
+    // key needs the PEM reader, which skips blocks of other types.
+    BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    owned.reset(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, &PassPhrase::pem_callback, pass) : nullptr);
+    ERR_clear_error();
+    if (owned) {
+      return owned;
+    }
   }
   if (!pass->problem().empty()) {
     *why = pass->problem();

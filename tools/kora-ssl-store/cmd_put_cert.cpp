@@ -123,6 +123,9 @@ std::string usage_problem(const Args& args) {
   if (args.has("--p12") && args.has("--key")) {
     return "--key does not combine with --p12: the PKCS#12 file holds the key";
   }
+  if (args.has("--pass") && !args.has("--key") && !args.has("--p12")) {
+    return "--pass belongs to an encrypted --key or --p12 file";
+  }
   if (args.has("--pass")) {
     return pass_spec_problem(args.value("--pass"));
   }
