@@ -56,7 +56,9 @@ int put_psk(const std::string& path, const std::string& name) {
   const int status = ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>(name.c_str()));
   if (status != KORA_OK) {
     // The parser can report -1 after it stored part of the table: a refused table must not
-    // stay behind in its place.
+    // stay behind in its place. The sealed file changes only when the store's write went
+    // through, and then it has released ssl_mutex (a failed write keeps it held, and any
+    // further store call would wait for ever).
     if (sealed_bytes(name, KORA_NET_SSL_PSK_TABLE_E) != before) {
       (void)SSL_cert_store(name.c_str(), KORA_NET_SSL_PSK_TABLE_E, nullptr, 0, false);
     }

@@ -12,9 +12,14 @@ _kora_ssl_store() {
       *) cmd=${COMP_WORDS[i]}; break ;;
     esac
   done
-  local kinds="cert ca psk di"
+  # Commands and kinds as the tool itself lists them, so this file never falls behind.
+  local tool=${COMP_WORDS[0]}
+  local kinds
+  kinds=$("$tool" ls --help 2>/dev/null | sed -n '1s/.*\[\([a-z|]*\)\].*/\1/p' | tr '|' ' ')
   if [ -z "$cmd" ]; then
-    mapfile -t COMPREPLY < <(compgen -W "init put ls show rm csr der2pem connect serve demo -v --help --version" -- "$cur")
+    local commands
+    commands=$("$tool" --help 2>/dev/null | awk '/^commands:/ { on = 1; next } /^$/ { on = 0 } on { print $1 }')
+    mapfile -t COMPREPLY < <(compgen -W "$commands -v --help --version" -- "$cur")
     return
   fi
   case $prev in
