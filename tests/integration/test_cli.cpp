@@ -235,6 +235,9 @@ const KeyForm kKeyForms[] = {
     {"pkcs12", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
      "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw",
      "EC P-256"},
+    {"pkcs12_legacy_cipher", "-algorithm RSA",
+     "openssl pkcs12 -export -legacy -in x.pem -inkey k.pem -passout pass:pw -out key &&",
+     "--p12 key --pass pass:pw", "RSA 2048"},
 };
 INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
 

@@ -76,7 +76,7 @@ bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool ke
   if (path.empty() || ssl_store_cert_read_decrypt_from_file(path.c_str(), &plain, &size) != 0 ||
       plain == nullptr) {
     std::free(plain);
-    *why = "cannot unseal " + path;
+    *why = "cannot unseal " + path + " (damaged, or sealed under other key material): store it again";
     return false;
   }
   const auto* bytes = static_cast<const uint8_t*>(plain);

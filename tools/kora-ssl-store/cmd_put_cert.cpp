@@ -2,6 +2,7 @@
 // PKCS#12 file, or attached to a key that `csr` made and stored earlier.
 #include <openssl/err.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 #include <openssl/x509.h>
 
 #include <cstdio>
@@ -22,6 +23,8 @@ namespace kora::cli {
 namespace {
 
 using Pkcs12Ptr = std::unique_ptr<PKCS12, Free<&PKCS12_free>>;
+
+constexpr const char* kLegacyProvider = "legacy";
 
 struct Credential {
   CertChain chain;
@@ -61,7 +64,12 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
   EVP_PKEY* key = nullptr;
   X509* leaf = nullptr;
   STACK_OF(X509)* rest = nullptr;
-  const int ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
+  int ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
+  // Files made by older tools encrypt with RC2 or single DES, which only OpenSSL's legacy
+  // provider offers. Loaded on demand, for the rest of the run, next to the default one.
+  if (ok != 1 && OSSL_PROVIDER_try_load(nullptr, kLegacyProvider, 1) != nullptr) {
+    ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
+  }
   ERR_clear_error();
   out->key.reset(key);
   out->chain.certs.clear();
