@@ -41,22 +41,29 @@ void print_fields(FILE* out, const Record& r) {
   }
 }
 
+// JSON strings must be UTF-8; a planted name or an old certificate's subject need not be.
+void add_string(JsonBuilder* b, const std::string& text) {
+  gchar* valid = g_utf8_make_valid(text.c_str(), static_cast<gssize>(text.size()));
+  json_builder_add_string_value(b, valid);
+  g_free(valid);
+}
+
 void add_record(JsonBuilder* b, const Record& r, bool with_fields) {
   json_builder_begin_object(b);
   json_builder_set_member_name(b, "kind");
   json_builder_add_string_value(b, r.kind.word);
   json_builder_set_member_name(b, "name");
-  json_builder_add_string_value(b, r.name.c_str());
+  add_string(b, r.name);
   for (const Field& f : with_fields ? r.fields : std::vector<Field>{}) {
     json_builder_set_member_name(b, f.key);
     if (const auto* s = std::get_if<std::string>(&f.value)) {
-      json_builder_add_string_value(b, s->c_str());
+      add_string(b, *s);
     } else if (const auto* n = std::get_if<int64_t>(&f.value)) {
       json_builder_add_int_value(b, *n);
     } else {
       json_builder_begin_array(b);
       for (const std::string& item : std::get<std::vector<std::string>>(f.value)) {
-        json_builder_add_string_value(b, item.c_str());
+        add_string(b, item);
       }
       json_builder_end_array(b);
     }
