@@ -407,7 +407,7 @@ const Refusal kRefusals[] = {
     {"psk_bar_unquoted", true, "put psk x psk_bar.txt", 1, "write the identity as |IDENTITY|:HEXKEY"},
     {"chain_leaf_not_first", true, "put cert x --cert chain_reversed.pem --key server.key", 1,
      "is not the private key of the first certificate"},
-    {"encrypted_no_pass", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
+    {"pass_source_unknown", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
      "--pass takes"},
     {"attach_without_key", true, "put cert x --cert server.pem", 1, "no private key is stored under 'x'"},
     {"csr_bad_subject", true, "csr x --subject CN=x", 2, "--subject must look like /CN=NAME"},
