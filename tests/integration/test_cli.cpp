@@ -1,6 +1,7 @@
 // kora-ssl-store as a user runs it: a spawned process on the case's private store root, working
 // in /data/in where the user's input files are.
 #include <gtest/gtest.h>
+#include <openssl/provider.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -183,16 +184,20 @@ constexpr const char* kLeafScript =
 
 struct KeyForm {
   const char* label;
-  const char* genpkey;   // algorithm options
-  const char* convert;   // makes the file "key" from k.pem; ends in "&&" or in "|" to feed the tool
-  const char* put;       // options after "put cert x"
-  const char* key_line;  // the key as show describes it
+  const char* genpkey;         // algorithm options
+  const char* convert;         // makes the file "key" from k.pem; ends in "&&" or in "|" to feed the tool
+  const char* put;             // options after "put cert x"
+  const char* key_line;        // the key as show describes it
+  bool legacy_cipher = false;  // needs OpenSSL's legacy provider, which a host may lack
 };
 void PrintTo(const KeyForm& k, std::ostream* os) { *os << k.label; }
 class CliKeyForm : public Cli, public ::testing::WithParamInterface<KeyForm> {};
 
 // Whatever form put accepts, the store's loader reads back: the handshake proves it.
 TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
+  if (GetParam().legacy_cipher && OSSL_PROVIDER_try_load(nullptr, "legacy", 1) == nullptr) {
+    GTEST_SKIP() << "OpenSSL's legacy provider is not installed";
+  }
   provision();
   char script[1024];
   (void)std::snprintf(script, sizeof script, kLeafScript, GetParam().genpkey);

@@ -67,8 +67,10 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
   int ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
   // Files made by older tools encrypt with RC2 or single DES, which only OpenSSL's legacy
   // provider offers. Loaded on demand, for the rest of the run, next to the default one.
-  if (ok != 1 && OSSL_PROVIDER_try_load(nullptr, kLegacyProvider, 1) != nullptr) {
-    ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
+  bool legacy_missing = false;
+  if (ok != 1) {
+    legacy_missing = OSSL_PROVIDER_try_load(nullptr, kLegacyProvider, 1) == nullptr;
+    ok = legacy_missing ? ok : PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
   }
   ERR_clear_error();
   out->key.reset(key);
@@ -80,6 +82,12 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
     out->chain.certs.emplace_back(sk_X509_shift(rest));
   }
   sk_X509_free(rest);  // emptied above: each certificate moved into the chain
+  if (ok != 1 && legacy_missing) {
+    *why = path +
+           " cannot be opened; if it uses a legacy cipher (RC2, DES), OpenSSL's legacy provider is not "
+           "installed here: export it again with AES";
+    return false;
+  }
   if (ok != 1 || !out->key || out->chain.certs.empty()) {
     *why = path + " does not hold both a certificate and its private key";
     return false;
