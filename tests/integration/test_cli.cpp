@@ -1,7 +1,6 @@
 // kora-ssl-store as a user runs it: a spawned process on the case's private store root, working
 // in /data/in where the user's input files are.
 #include <gtest/gtest.h>
-#include <openssl/provider.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -195,13 +194,13 @@ class CliKeyForm : public Cli, public ::testing::WithParamInterface<KeyForm> {};
 
 // Whatever form put accepts, the store's loader reads back: the handshake proves it.
 TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
-  if (GetParam().legacy_cipher && OSSL_PROVIDER_try_load(nullptr, "legacy", 1) == nullptr) {
-    GTEST_SKIP() << "OpenSSL's legacy provider is not installed";
-  }
   provision();
   char script[1024];
   (void)std::snprintf(script, sizeof script, kLeafScript, GetParam().genpkey);
   Result r = shell(std::string(script) + GetParam().convert + " $KORA put cert x " + GetParam().put);
+  if (GetParam().legacy_cipher && r.err.find("legacy provider is not installed") != std::string::npos) {
+    GTEST_SKIP() << r.err;  // the tool's OpenSSL (an emulated one, say) lacks the legacy provider
+  }
   ASSERT_EQ(r.code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("chain of 1 certificate"), std::string::npos) << r.out;
   EXPECT_NE(cli("show cert x").out.find(GetParam().key_line), std::string::npos);
@@ -242,7 +241,7 @@ const KeyForm kKeyForms[] = {
      "EC P-256"},
     {"pkcs12_legacy_cipher", "-algorithm RSA",
      "openssl pkcs12 -export -legacy -in x.pem -inkey k.pem -passout pass:pw -out key &&",
-     "--p12 key --pass pass:pw", "RSA 2048"},
+     "--p12 key --pass pass:pw", "RSA 2048", true},
 };
 INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
 
