@@ -8,6 +8,15 @@ if(TARGET kora-ssl-store)
     list(GET CMAKE_CROSSCOMPILING_EMULATOR 0 kora_cli_launcher)
     target_compile_definitions(test_cli PRIVATE KORA_CLI_LAUNCHER="${kora_cli_launcher}")
   endif()
+  # The tool on a root key in a private SoftHSM2 token.
+  if(KORA_SOFTHSM2_MODULE)
+    kora_add_gtest(test_cli_token SOURCES ${PROJECT_SOURCE_DIR}/tests/token/test_cli_token.cpp
+      ${PROJECT_SOURCE_DIR}/tests/token/softhsm_token.cpp LIBS kora_certgen TIMEOUT 180 LABELS token)
+    target_include_directories(test_cli_token PRIVATE ${PROJECT_SOURCE_DIR}/tests/token ${CMAKE_CURRENT_LIST_DIR})
+    target_compile_definitions(test_cli_token PRIVATE KORA_CLI_PATH="$<TARGET_FILE:kora-ssl-store>"
+      KORA_SOFTHSM2_MODULE="${KORA_SOFTHSM2_MODULE}" $<$<BOOL:${kora_cli_launcher}>:KORA_CLI_LAUNCHER="${kora_cli_launcher}">)
+    add_dependencies(test_cli_token kora-ssl-store)
+  endif()
 endif()
 # The installed package as another project uses it (skipped when cross-compiling).
 if(TARGET kora-ssl-store AND NOT CMAKE_CROSSCOMPILING)

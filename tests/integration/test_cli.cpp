@@ -9,8 +9,8 @@
 #include <map>
 #include <sstream>
 
+#include "cli_tool.h"
 #include "kora_certgen.h"
-#include "subprocess.h"
 
 namespace kora::test {
 namespace {
@@ -19,39 +19,6 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 const std::string kStore = "/data/data_velto/.ssl/";
 const auto kLabel = [](const auto& p) { return std::string(p.param.label); };
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), {}};
-}
-
-// The tool with the words of `command`; its stderr goes to `err_path`.
-std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {
-#ifdef KORA_CLI_LAUNCHER
-  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
-#else
-  std::vector<std::string> argv = {KORA_CLI_PATH};
-#endif
-  std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    argv.push_back(w);
-  }
-  std::string why;
-  auto child = Subprocess::start(argv, &why, err_path);
-  EXPECT_NE(child, nullptr) << why;
-  return child;
-}
-
-struct Result {
-  int code;
-  std::string out, err;
-};
-
-Result cli(const std::string& command) {
-  auto child = start(command, "/data/cli.err");
-  const int code = child ? child->wait_exit(30s) : -1;
-  return {code, child ? child->output() : "", slurp("/data/cli.err")};
-}
 
 // A shell script in the input directory; $KORA runs the tool, "openssl" the openssl tool.
 Result shell(const std::string& script) {

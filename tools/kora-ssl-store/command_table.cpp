@@ -11,13 +11,19 @@ const std::vector<Command>& command_table() {
   static const std::vector<Command> table = {
       {"init",
        "create the store tree and provision its key material",
-       "usage: kora-ssl-store init [-v]\n"
+       "usage: kora-ssl-store init [--force-new-key] [-v]\n"
        "\n"
        "Creates the store's directory tree under /data/data_velto/.ssl/ and, on first use,\n"
        "has the key service make the key blob and nonce that seal every credential. Run it\n"
        "again at any time: existing directories and key material are kept.\n"
-       "The data root /data/data_velto/ must exist.\n",
-       {},
+       "The data root /data/data_velto/ must exist.\n"
+       "It says which root key is used (a file, or a PKCS#11 token key when\n"
+       "KORA_KM_PKCS11_URI is set; made when missing) and proves the key material works by\n"
+       "sealing and opening a probe. A missing root key is not made again while the store\n"
+       "has a key blob.\n"
+       "  --force-new-key  start over: new root key and key blob; every stored credential\n"
+       "                   becomes unreadable\n",
+       {{}, {"--force-new-key"}},
        &run_init},
       {"put",
        "store a certificate with its key, a CA list, a DI certificate or a PSK table",
