@@ -23,6 +23,7 @@ namespace kora::cli {
 namespace {
 
 using Pkcs12Ptr = std::unique_ptr<PKCS12, Free<&PKCS12_free>>;
+using ProviderPtr = std::unique_ptr<OSSL_PROVIDER, Free<&OSSL_PROVIDER_unload>>;
 
 constexpr const char* kLegacyProvider = "legacy";
 
@@ -66,12 +67,13 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
   STACK_OF(X509)* rest = nullptr;
   int ok = PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
   // Files made by older tools encrypt with RC2 or single DES, which only OpenSSL's legacy
-  // provider offers. Loaded on demand, for the rest of the run, next to the default one.
-  bool legacy_missing = false;
+  // provider offers. Loaded on demand next to the default one, and unloaded again.
+  ProviderPtr legacy;
   if (ok != 1) {
-    legacy_missing = OSSL_PROVIDER_try_load(nullptr, kLegacyProvider, 1) == nullptr;
-    ok = legacy_missing ? ok : PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest);
+    legacy.reset(OSSL_PROVIDER_try_load(nullptr, kLegacyProvider, 1));
+    ok = legacy ? PKCS12_parse(p12.get(), phrase, &key, &leaf, &rest) : ok;
   }
+  const bool legacy_missing = ok != 1 && !legacy;
   ERR_clear_error();
   out->key.reset(key);
   out->chain.certs.clear();
