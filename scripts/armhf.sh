@@ -62,7 +62,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 2
 fi
 
-"$ROOT/scripts/deps.sh" build cross || skip "the cross compiler or qemu-user cannot be installed"
+"$ROOT/scripts/deps.sh" build cross interop || skip "the cross compiler or qemu-user cannot be installed"
 
 sysroot_arg=()
 if [ "$MODE" != sysroot ]; then

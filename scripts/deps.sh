@@ -11,6 +11,8 @@
 #   valgrind  valgrind
 #   fuzz      clang (libFuzzer and the sanitizers)
 #   bench     Google Benchmark
+#   interop   the TLS peers the interop tests run: GnuTLS tools, an MQTT broker, a TLS
+#             tunnel, curl
 #   cross     the 32-bit ARM cross compiler and qemu-user (host packages)
 #   armhf     the armhf development libraries, through dpkg multiarch (adds the armhf
 #             architecture to dpkg when it is not there)
@@ -31,6 +33,7 @@ declare -A SETS=(
   [valgrind]="valgrind"
   [fuzz]="clang"
   [bench]="libbenchmark-dev"
+  [interop]="gnutls-bin mosquitto stunnel4 curl"
   [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
   [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libjson-glib-dev:armhf libp11-kit-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
@@ -39,8 +42,8 @@ requested=()
 for arg in "${@:-build}"; do
   case "$arg" in
     -h | --help) usage; exit 0 ;;
-    all) requested+=(build analysis valgrind fuzz bench) ;;
-    build | analysis | valgrind | fuzz | bench | cross | armhf) requested+=("$arg") ;;
+    all) requested+=(build analysis valgrind fuzz bench interop) ;;
+    build | analysis | valgrind | fuzz | bench | interop | cross | armhf) requested+=("$arg") ;;
     *) echo "deps.sh: unknown set '$arg'" >&2; usage >&2; exit 2 ;;
   esac
 done

@@ -7,9 +7,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "subprocess.h"
 
@@ -22,17 +20,8 @@ inline std::string slurp(const std::string& path) {
 
 // The tool with the words of `command`; its stderr goes to `err_path`.
 inline std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {
-#ifdef KORA_CLI_LAUNCHER
-  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
-#else
-  std::vector<std::string> argv = {KORA_CLI_PATH};
-#endif
-  std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    argv.push_back(w);
-  }
   std::string why;
-  auto child = Subprocess::start(argv, &why, err_path);
+  auto child = Subprocess::start(cli_argv(command), &why, err_path);
   EXPECT_NE(child, nullptr) << why;
   return child;
 }

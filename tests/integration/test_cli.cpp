@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 
 #include "cli_tool.h"
 #include "kora_certgen.h"
@@ -68,7 +67,8 @@ class Cli : public ::testing::Test {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
     ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700) | ::chdir("/data/in"), 0);
     const auto ca = certgen::make_self_signed({{{"CN", "test-ca"}}, {}, false, true});
-    const auto server = certgen::make_signed({{{"CN", "test-server"}}, {}, false, false}, ca);
+    const auto server =
+        certgen::make_signed({{{"CN", "test-server"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, ca);
     const auto client = certgen::make_signed({{{"CN", "test-client"}}, {}, false, false}, ca);
     const std::vector<uint8_t> der = server.cert_der();
     const auto write = [](const char* name, const std::string& bytes) { std::ofstream(name) << bytes; };
@@ -417,7 +417,8 @@ TEST_P(CliTamper, FailsClearlyAndLoadsNothing) {
 const Tamper kTampers[] = {
     {"ca_list", "ca_lists/roots", "connect 127.0.0.1:1 --ca roots", "loading CA list 'roots' failed"},
     {"certificate", "certs/srv", "serve 1 --cert srv", "loading certificate 'srv' failed"},
-    {"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli", "loading certificate 'cli' failed"},
+    {"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli --insecure",
+     "loading certificate 'cli' failed"},
     {"key_blob", "keyblob/takey.blob", "serve 1 --cert srv", "loading certificate 'srv' failed"},
 };
 INSTANTIATE_TEST_SUITE_P(Files, CliTamper, ::testing::ValuesIn(kTampers), kLabel);
