@@ -250,8 +250,10 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   ASSERT_EQ(cli("init").code, 0);
   const auto ca = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
   const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, ca);
-  const auto leaf = certgen::make_signed({{{"CN", "leaf"}}, {}, false, false}, mid);
+  const auto leaf =
+      certgen::make_signed({{{"CN", "leaf"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, mid);
   std::ofstream("full.pem") << leaf.cert_pem() << mid.cert_pem() << ca.cert_pem();
+  std::ofstream("root.pem") << ca.cert_pem();
   std::ofstream("leaf.key") << leaf.key_pem();
   std::ofstream("bag.pem") << ca.cert_pem() << mid.cert_pem();
   Result r = cli("put cert full --cert full.pem --key leaf.key");
@@ -263,6 +265,8 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
   EXPECT_NE(r.out.find("\"chain_length\" : 3"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"issuer\" : \"CN = mid\""), std::string::npos) << r.out;
+  ASSERT_EQ(cli("put ca root root.pem").code, 0);
+  expect_handshake("bag", "root");  // trusted by the root alone: the stored chain is sent
 }
 
 TEST_F(Cli, PskCommentsAreStrippedAndAListingShowsIdentitiesNeverKeys) {
