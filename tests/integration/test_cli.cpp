@@ -1,12 +1,15 @@
 // kora-ssl-store as a user runs it: a spawned process on the case's private store root, working
 // in /data/in where the user's input files are.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 
 #include "cli_tool.h"
 #include "kora_certgen.h"
@@ -363,8 +366,11 @@ TEST_P(CliRefusal, SaysWhyInOneLineAndWritesNothing) {
 
 const Refusal kRefusals[] = {
     {"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
-    {"dotdot", true, "put di a..b server.pem", 2, "refusing name 'a..b': it contains \"..\""},
-    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "refusing --ca name '..'"},
+    {"dotdot", true, "put di .. server.pem", 2, "refusing name '..': \"..\" names a directory"},
+    {"dot", true, "rm ca .", 2, "refusing name '.': \".\" names a directory"},
+    {"escape_sequence_in_name", true, "put ca a\x1b[2Jb ca.pem", 2,
+     "refusing name 'a\\x1b[2Jb': it contains the byte \\x1b"},
+    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "--ca: refusing name '..'"},
     {"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
     {"unknown_option", true, "ls --all", 2, "unknown option --all"},
     {"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},
@@ -459,6 +465,132 @@ const Demo kDemos[] = {
     {"name_taken", {"init", "put ca kora-demo-ca ca.pem"}, "", 1, "already holds CA list 'kora-demo-ca'"},
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, CliDemo, ::testing::ValuesIn(kDemos), kLabel);
+
+// Threats from outside the tool: other users, planted files, other processes, signals.
+enum class Plant { kFifo, kSymlink, kOtherOwner, kOthersWrite };
+struct Planted {
+  const char* label;
+  Plant plant;
+  const char* path;  // below the data root
+  const char* command;
+  const char* says;
+};
+void PrintTo(const Planted& p, std::ostream* os) { *os << p.label; }
+class CliPlanted : public Cli, public ::testing::WithParamInterface<Planted> {};
+
+// Something planted where the store expects its own regular file or private directory is
+// refused before the store opens it: no command blocks on a FIFO or follows a link.
+TEST_P(CliPlanted, IsRefusedWithoutBlockingOrChangingAnything) {
+  provision();
+  const std::string path = std::string("/data/data_velto/") + GetParam().path;
+  if (GetParam().plant == Plant::kFifo || GetParam().plant == Plant::kSymlink) {
+    fs::remove(path);
+  }
+  const int planted = GetParam().plant == Plant::kFifo         ? ::mkfifo(path.c_str(), 0600)
+                      : GetParam().plant == Plant::kSymlink    ? ::symlink("/data/in/ca.pem", path.c_str())
+                      : GetParam().plant == Plant::kOtherOwner ? ::chown(path.c_str(), 65534, 65534)
+                                                               : ::chmod(path.c_str(), 0777);
+  ASSERT_EQ(planted, 0) << path;
+  const auto before = snapshot();
+  const Result r = cli(GetParam().command);  // bounded: a hang shows as code -1
+  EXPECT_EQ(r.code, 1) << r.err;
+  EXPECT_NE(r.err.find(GetParam().says), std::string::npos) << r.err;
+  EXPECT_EQ(snapshot(), before);
+}
+
+const Planted kPlants[] = {
+    {"fifo_at_ca_list", Plant::kFifo, ".ssl/ca_lists/roots", "connect 127.0.0.1:1 --ca roots",
+     "roots is a FIFO"},
+    {"fifo_at_private_key", Plant::kFifo, ".ssl/private_keys/cli",
+     "connect 127.0.0.1:1 --cert cli --insecure", "a FIFO"},
+    {"fifo_at_put_target", Plant::kFifo, ".ssl/ca_lists/new", "put ca new ca.pem", "new is a FIFO"},
+    {"fifo_at_rm_target", Plant::kFifo, ".ssl/certs/srv", "rm cert srv", "srv is a FIFO"},
+    {"fifo_at_key_blob", Plant::kFifo, ".ssl/keyblob/takey.blob", "ls", "takey.blob is a FIFO"},
+    {"fifo_at_nonce", Plant::kFifo, ".ssl/keyblob/takey.nonce", "init", "takey.nonce is a FIFO"},
+    {"link_at_certificate", Plant::kSymlink, ".ssl/certs/srv", "serve 1 --cert srv",
+     "srv is a symbolic link"},
+    {"link_in_tree", Plant::kSymlink, ".ssl/ca_lists/roots", "init", "roots is a symbolic link"},
+    {"data_root_of_another_user", Plant::kOtherOwner, "", "init", "belongs to user 65534"},
+    {"store_of_another_user", Plant::kOtherOwner, ".ssl/", "init", ".ssl/ belongs to user 65534"},
+    {"credential_of_another_user", Plant::kOtherOwner, ".ssl/ca_lists/roots", "init",
+     "belongs to user 65534"},
+    {"data_root_open_to_all", Plant::kOthersWrite, "", "init", "writable by other users (mode 0777)"},
+};
+INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel);
+
+// A name planted in the store by hand reaches the terminal escaped.
+TEST_F(Cli, LsEscapesANamePlantedInTheStore) {
+  provision();
+  std::ofstream(kStore + "ca_lists/evil\x1b[2J\n") << "x";
+  const std::string out = cli("ls ca").out;
+  EXPECT_NE(out.find("ca   evil\\x1b[2J\\x0a\n"), std::string::npos) << out;
+}
+
+// Another user: whatever the umask, nothing in the tree is open to them, and init closes a
+// tree an older version left open.
+TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
+  const mode_t saved = ::umask(0);
+  ASSERT_EQ(::mkdir(kStore.c_str(), 0755) | ::mkdir((kStore + "ca_lists").c_str(), 0777), 0);
+  provision();
+  ::umask(saved);
+  for (const auto& e : fs::recursive_directory_iterator(kStore)) {
+    EXPECT_EQ(e.status().permissions() & (fs::perms::group_all | fs::perms::others_all), fs::perms::none)
+        << e.path();
+  }
+  ASSERT_EQ(::seteuid(65534), 0);
+  const int fd = ::open((kStore + "ca_lists/roots").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::seteuid(0), 0);
+  EXPECT_LT(fd, 0) << "another user opened a sealed CA list";
+}
+
+// Another user plants a link where der2pem writes: the link's target is never written.
+TEST_F(Cli, Der2pemNeverWritesThroughALinkAnotherUserPlanted) {
+  ASSERT_EQ(::mkdir("/data/shared", 0755) | ::chown("/data/shared", 65534, 65534), 0);
+  std::ofstream("/data/victim") << "precious";
+  ASSERT_EQ(::seteuid(65534), 0);
+  const int planted = ::symlink("/data/victim", "/data/shared/out.pem");
+  ASSERT_EQ(::seteuid(0), 0);
+  ASSERT_EQ(planted, 0);
+  const Result r = cli("der2pem server.der /data/shared/out.pem");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("/data/shared/out.pem exists; give --force to replace it"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(cli("der2pem server.der /data/shared/out.pem --force").code, 0);
+  EXPECT_EQ(slurp("/data/victim"), "precious");
+  EXPECT_FALSE(fs::is_symlink("/data/shared/out.pem"));
+  EXPECT_EQ(slurp("/data/shared/out.pem"), slurp("server.pem"));
+}
+
+// Another process: a client that connects and sends nothing holds the server only until its
+// handshake times out (10 s by default); the next client is served.
+TEST_F(Cli, AnIdleClientDoesNotKeepOthersFromTheServer) {
+  provision();
+  int port = 0;
+  ::close(listen_loopback(&port));
+  auto server = start("serve " + std::to_string(port) + " --cert srv", "/data/serve.err");
+  ASSERT_NE(server->wait_for_line("listening on port " + std::to_string(port) + " at 127.0.0.1", 10s), "")
+      << slurp("/data/serve.err");
+  const int idle = connect_loopback(port);
+  const Result client = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
+  ::close(idle);
+  EXPECT_EQ(client.code, 0) << client.err;
+}
+
+class CliDemoSignal : public Cli, public ::testing::WithParamInterface<int> {};
+
+// A signal once the demo has stored its credentials: it still removes all it made.
+TEST_P(CliDemoSignal, KilledMidRunLeavesTheHostAsFound) {
+  const auto before = snapshot();
+  auto demo = start("demo", "/data/demo.err");
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (!fs::exists(kStore + "certs/kora-demo-server") && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  ASSERT_EQ(::kill(demo->pid(), GetParam()), 0);
+  EXPECT_EQ(demo->wait_exit(30s), 128 + GetParam()) << slurp("/data/demo.err");
+  EXPECT_EQ(snapshot(), before);
+}
+INSTANTIATE_TEST_SUITE_P(Signals, CliDemoSignal, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 }  // namespace
 }  // namespace kora::test

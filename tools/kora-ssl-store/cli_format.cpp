@@ -6,6 +6,8 @@
 
 #include <memory>
 
+#include "cli_names.h"
+
 namespace kora::cli {
 namespace {
 
@@ -84,18 +86,7 @@ void print_json(FILE* out, JsonBuilder* b) {
 
 }  // namespace
 
-std::string display(const std::string& text) {
-  // Bytes of UTF-8 sequences stay as they are; control characters, quotes and backslashes
-  // are escaped C-style.
-  std::string high;
-  for (int c = 0x80; c <= 0xff; ++c) {
-    high.push_back(static_cast<char>(c));
-  }
-  gchar* escaped = g_strescape(text.c_str(), high.c_str());
-  std::string out = escaped != nullptr ? escaped : "";
-  g_free(escaped);
-  return out;
-}
+std::string display(const std::string& text) { return escaped(text); }
 
 void print_records(FILE* out, const std::vector<Record>& records, bool long_form, Format format) {
   if (format == Format::kJson) {

@@ -103,21 +103,6 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why) {
   return true;
 }
 
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
-    *why = "cannot create " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  const size_t put = std::fwrite(data, 1, size, f);
-  const bool ok = put == size && std::fflush(f) == 0;
-  if (std::fclose(f) != 0 || !ok) {
-    *why = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
 std::string subject_line(const X509* cert) {
   return cert == nullptr ? "(none)" : name_line(X509_get_subject_name(cert));
 }

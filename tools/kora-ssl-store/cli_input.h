@@ -40,8 +40,6 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why);
 // Marks standard input as used by something other than read_input (a pass phrase). False
 // when it already is.
 bool claim_stdin(std::string* why);
-// Writes `size` bytes to `path` (created or replaced). False with the reason in *why.
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why);
 
 // "CN=dev, O=Kora" style one-line subject of a certificate.
 std::string subject_line(const X509* cert);

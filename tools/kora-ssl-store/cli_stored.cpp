@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli_files.h"
 #include "cli_keys.h"
 #include "cli_report.h"
 #include "commands.h"
@@ -65,7 +66,10 @@ int open_target(const Args& args, const char* command, Kind* kind, std::string* 
   if (const std::string why = target_problem(args.positional[0], *name, kind); !why.empty()) {
     return usage_error(why);
   }
-  return load_key_material();
+  if (const int rc = load_key_material(); rc != kExitOk) {
+    return rc;
+  }
+  return refuse_irregular_credential(kind->type, *name);
 }
 
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,

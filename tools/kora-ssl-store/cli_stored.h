@@ -23,9 +23,9 @@ bool stored_exists(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool 
 // through its path resolution. Like the store's listing, it takes regular files only.
 bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::string>* names, std::string* why);
 
-// For commands that take KIND NAME and nothing else (show, rm): checks both words and loads
-// the store's key material. kExitOk with *kind and *name set, else the exit code after the
-// refusal line was printed.
+// For commands that take KIND NAME and nothing else (show, rm): checks both words, loads
+// the store's key material and refuses files the store must not open. kExitOk with *kind and *name set, else
+// the exit code after the refusal line was printed.
 int open_target(const Args& args, const char* command, Kind* kind, std::string* name);
 
 // Unseals one stored file into *out. False with the reason in *why.

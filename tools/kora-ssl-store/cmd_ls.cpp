@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli_details.h"
+#include "cli_files.h"
 #include "cli_format.h"
 #include "cli_keys.h"
 #include "cli_names.h"
@@ -64,7 +65,8 @@ int run_ls(const Args& args) {
     }
     for (const std::string& name : names) {
       Record r{*k, name, {}};
-      if (long_form && !describe(*k, name, &r, &why)) {
+      if (long_form &&
+          (refuse_irregular_credential(k->type, name) != kExitOk || !describe(*k, name, &r, &why))) {
         // One unreadable credential does not hide the others.
         (void)fail(display(why));
         rc = kExitFailed;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "cli_chain.h"
+#include "cli_files.h"
 #include "cli_input.h"
 #include "cli_keys.h"
 #include "cli_names.h"
@@ -124,6 +125,9 @@ int run_put(const Args& args) {
   const std::string& name = args.positional[1];
   if (const std::string why = target_problem(args.positional[0], name, &kind); !why.empty()) {
     return usage_error(why);
+  }
+  if (const int rc = refuse_irregular_credential(kind.type, name); rc != kExitOk) {
+    return rc;
   }
   if (kind.type == KORA_NET_SSL_CERTIFICATE_E) {
     return put_cert(args, name);

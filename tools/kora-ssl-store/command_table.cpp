@@ -48,7 +48,7 @@ const std::vector<Command>& command_table() {
        "  psk   a PSK table as text: one IDENTITY:HEXKEY per line (|IDENTITY|:HEXKEY for\n"
        "        an identity holding \":\"); blank lines and lines starting with # are\n"
        "        skipped. Identities of 1 to 256 bytes, unique; keys of 1 to 256 bytes.\n"
-       "NAME: 1 to 63 characters, without \"/\" or \"..\".\n",
+       "NAME: 1 to 63 printable ASCII characters, without \"/\", and not \".\" or \"..\".\n",
        {{"--cert", "--key", "--p12", "--pass"}, {}},
        &run_put},
       {"ls",
@@ -93,11 +93,12 @@ const std::vector<Command>& command_table() {
        &run_rm},
       {"der2pem",
        "convert a DER certificate to PEM",
-       "usage: kora-ssl-store der2pem IN [OUT]\n"
+       "usage: kora-ssl-store der2pem IN [OUT] [--force]\n"
        "\n"
        "Writes the PEM text of the DER certificate in IN to OUT, or to standard output.\n"
-       "Needs no store.\n",
-       {},
+       "OUT is made new (readable by this user only) and renamed into place; an existing\n"
+       "OUT is replaced only with --force. Needs no store.\n",
+       {{}, {"--force"}},
        &run_der2pem},
       {"connect",
        "TLS handshake to a server with stored credentials",
@@ -121,14 +122,18 @@ const std::vector<Command>& command_table() {
        &run_connect},
       {"serve",
        "accept TLS connections with a stored certificate",
-       "usage: kora-ssl-store serve PORT --cert NAME [--ca NAME] [--once]\n"
+       "usage: kora-ssl-store serve PORT --cert NAME [--ca NAME] [--once] [--bind ADDR]\n"
+       "                            [--timeout SECONDS]\n"
        "\n"
-       "Listens on PORT (all addresses), loads the named certificate and key onto a server\n"
-       "SSL object (with the chain stored after it) and prints the outcome of each\n"
-       "handshake. Each client then gets one line of text (an HTTP response when it sent an\n"
-       "HTTP request, so curl shows it). --ca requires and verifies a client certificate.\n"
-       "--once stops after the first connection.\n",
-       {{"--cert", "--ca"}, {"--once"}},
+       "Listens on PORT, loads the named certificate and key onto a server SSL object (with\n"
+       "the chain stored after it) and prints the outcome of each handshake. Each client then\n"
+       "gets one line of text (an HTTP response when it sent an HTTP request, so curl shows\n"
+       "it). --ca requires and verifies a client certificate. --once stops after the first\n"
+       "connection.\n"
+       "--bind ADDR listens on the IPv4 address ADDR (default 127.0.0.1; 0.0.0.0 for all).\n"
+       "Clients are served one at a time; a handshake that takes longer than --timeout\n"
+       "SECONDS (default 10) is cut off so that the next client is served.\n",
+       {{"--cert", "--ca", "--bind", "--timeout"}, {"--once"}},
        &run_serve},
       {"demo",
        "end-to-end demonstration on the device's store",
