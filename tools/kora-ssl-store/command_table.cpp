@@ -1,4 +1,6 @@
 // The table of subcommands: name, one-line summary, help text, options, entry point.
+#include <openssl/crypto.h>
+
 #include <cstdio>
 
 #include "commands.h"
@@ -26,30 +28,62 @@ const std::vector<Command>& command_table() {
        &run_init},
       {"put",
        "store a certificate with its key, a CA list, a DI certificate or a PSK table",
-       "usage: kora-ssl-store put cert NAME --cert FILE --key FILE\n"
+       "usage: kora-ssl-store put cert NAME --cert FILE [--key FILE] [--pass SOURCE]\n"
+       "       kora-ssl-store put cert NAME --p12 FILE [--pass SOURCE]\n"
        "       kora-ssl-store put ca   NAME FILE\n"
        "       kora-ssl-store put di   NAME FILE\n"
        "       kora-ssl-store put psk  NAME FILE\n"
        "\n"
        "Seals the file(s) and stores them under NAME, replacing an earlier credential of\n"
-       "that kind and name.\n"
-       "  cert  a certificate (PEM or DER) and its unencrypted private key (PEM or DER);\n"
-       "        the key must belong to the certificate\n"
+       "that kind and name. FILE \"-\" reads standard input.\n"
+       "  cert  a certificate (PEM or DER) and its private key. A PEM file may hold the\n"
+       "        leaf followed by its intermediates: the whole chain is stored and sent in\n"
+       "        handshakes. The key may be PKCS#8 or traditional, PEM or DER, RSA, EC,\n"
+       "        Ed25519 or Ed448, encrypted or not; it must belong to the first\n"
+       "        certificate. Without --key the certificate is attached to the key that\n"
+       "        'csr NAME' stored. --p12 takes certificate, key and chain from PKCS#12.\n"
+       "        --pass pass:TEXT|env:VAR|file:PATH|stdin gives the pass phrase of an\n"
+       "        encrypted key or PKCS#12 file; without it a terminal prompts.\n"
        "  ca    a PEM file of one or more CA certificates\n"
        "  di    a device-identity certificate (PEM or DER)\n"
-       "  psk   a PSK table as text: one IDENTITY:HEXKEY per line (|identity| may quote\n"
-       "        an identity holding \":\"); keys of 1 to 256 bytes\n"
+       "  psk   a PSK table as text: one IDENTITY:HEXKEY per line (|IDENTITY|:HEXKEY for\n"
+       "        an identity holding \":\"); blank lines and lines starting with # are\n"
+       "        skipped. Identities of 1 to 256 bytes, unique; keys of 1 to 256 bytes.\n"
        "NAME: 1 to 63 printable ASCII characters, without \"/\", and not \".\" or \"..\".\n",
-       {{"--cert", "--key"}, {}},
+       {{"--cert", "--key", "--p12", "--pass"}, {}},
        &run_put},
       {"ls",
        "list the stored names of one kind or of all kinds",
-       "usage: kora-ssl-store ls [cert|ca|psk|di]\n"
+       "usage: kora-ssl-store ls [-l] [--json] [cert|ca|psk|di]\n"
        "\n"
-       "Prints one line per stored credential: KIND NAME. The store lists at most ten\n"
-       "names per kind; when a kind holds more, the tool says so.\n",
-       {},
+       "Prints one line per stored credential, sorted by kind and name: KIND NAME.\n"
+       "-l adds the details 'show' prints: for a certificate its subject, issuer,\n"
+       "not-after date (EXPIRED, or EXPIRES SOON within 30 days), key type and size,\n"
+       "SHA-256 fingerprint and chain length; for a PSK table its identities (never\n"
+       "the keys). A certificate name that 'csr' made and that waits for its\n"
+       "certificate is listed too. --json prints a JSON array instead.\n",
+       {{}, {"-l", "--json"}},
        &run_ls},
+      {"show",
+       "print one stored credential's details",
+       "usage: kora-ssl-store show [--json] KIND NAME\n"
+       "\n"
+       "Prints what 'ls -l' prints for one credential, or a JSON object with --json.\n",
+       {{}, {"--json"}},
+       &run_show},
+      {"csr",
+       "make a key on the device and a certificate request for it",
+       "usage: kora-ssl-store csr NAME --subject /CN=NAME[/O=ORG...] [--key TYPE]\n"
+       "                          [--san DNS:HOST,IP:ADDR...] [--out FILE] [--force]\n"
+       "\n"
+       "Makes a private key in memory (TYPE ec:P-256 (default), ec:P-384, rsa:3072 or\n"
+       "ed25519), seals it into the store under certificate name NAME and writes a PEM\n"
+       "certificate request to FILE or standard output. The key is never written in the\n"
+       "clear. Once the certificate is issued, attach it with\n"
+       "'kora-ssl-store put cert NAME --cert FILE'. --force replaces a credential of\n"
+       "that name and an existing FILE.\n",
+       {{"--subject", "--key", "--san", "--out"}, {"--force"}},
+       &run_csr},
       {"rm",
        "remove a stored credential (a certificate with its key and its sessions)",
        "usage: kora-ssl-store rm KIND NAME\n"
@@ -143,10 +177,15 @@ void print_overview(FILE* out) {
       "options:\n"
       "  -v, --verbose  show the store's diagnostic messages\n"
       "  -h, --help     this text; 'kora-ssl-store COMMAND --help' for one command\n"
+      "      --version  the tool's version and the OpenSSL it runs on\n"
       "\n"
       "Every command except init, der2pem and demo needs a store that 'init' prepared.\n"
       "Exit status: 0 done, 1 the operation failed, 2 the command line was refused.\n",
       out);
+}
+
+void print_version(FILE* out) {
+  (void)std::fprintf(out, "kora-ssl-store %s (%s)\n", KORA_VERSION, OpenSSL_version(OPENSSL_VERSION));
 }
 
 }  // namespace kora::cli

@@ -27,6 +27,9 @@ int main(int argc, char** argv) {
   for (; i < words.size(); ++i) {
     if (words[i] == "-v" || words[i] == "--verbose") {
       verbose = true;
+    } else if (words[i] == "--version") {
+      print_version(stdout);
+      return kExitOk;
     } else if (words[i] == "-h" || words[i] == "--help") {
       print_overview(stdout);
       return kExitOk;
