@@ -5,18 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <string>
 
+#include "file_bytes.h"
 #include "subprocess.h"
 
 namespace kora::test {
-
-inline std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), {}};
-}
 
 // The tool with the words of `command`; its stderr goes to `err_path`.
 inline std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {

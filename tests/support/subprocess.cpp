@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 extern char** environ;
@@ -153,6 +154,21 @@ int connect_loopback(int port) { return loopback_socket(&port, false); }
 int listen_loopback(int* port) {
   *port = 0;
   return loopback_socket(port, true);
+}
+
+int in_child(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int code = body();
+    std::fflush(nullptr);
+    ::_exit(code & 0xff);
+  }
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+    return -1;
+  }
+  return WEXITSTATUS(status);
 }
 
 }  // namespace kora::test

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -37,6 +38,10 @@ class Subprocess {
   std::string output_;
   size_t scanned_ = 0;  // start of the first line wait_for_line has not looked at
 };
+
+// Runs `body` in a forked child and returns its exit code (the low byte of what `body` returns:
+// a store status of -1 comes back as 255), or -1 when the child did not exit.
+int in_child(const std::function<int()>& body);
 
 // A TCP socket on 127.0.0.1: connected to `port`, or listening at a port of the system's choosing
 // stored in *port. -1 on failure.

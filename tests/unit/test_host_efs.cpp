@@ -3,19 +3,15 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "file_bytes.h"
 #include "fs_public.h"
 #include "private_root.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using kora::test::slurp;
 
 int put(const char* path, const std::string& data, int oflag, int mode = 0600) {
   return efs_put(path, const_cast<char*>(data.data()), data.size(), oflag, mode);

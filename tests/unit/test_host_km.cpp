@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <openssl/rand.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +16,7 @@
 #include "host_km.h"
 #include "kora_host_km.h"
 #include "ssl_KM_crypto_services.h"
+#include "subprocess.h"
 #ifdef KORA_KM_TOKEN_TESTS
 #include <p11-kit/p11-kit.h>
 
@@ -115,15 +115,12 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
 // the root key again and opens what this one sealed.
 TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
   const Bytes plain = random_bytes(300), sealed = seal(plain);
-  const pid_t child = fork();
-  if (child == 0) {
-    km::forget_keys();
-    Bytes back;
-    _exit(crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(kora::test::in_child([&] {
+              km::forget_keys();
+              Bytes back;
+              return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
+            }),
+            0);
 }
 
 // Threads sealing and opening at once under two key blobs in turn (each switch replaces the

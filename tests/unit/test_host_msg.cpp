@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "file_bytes.h"
 #include "msg_diag.h"
 
 namespace {
@@ -24,8 +23,7 @@ std::string stderr_of(Fn fn) {
   std::fflush(stderr);
   ::dup2(saved, 2);
   ::close(saved);
-  std::ifstream in("/data/stderr.txt");
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return kora::test::slurp("/data/stderr.txt");
 }
 
 TEST(DefaultSink, PrintsOneLinePerMessageAndHighOnlyWhenVerbose) {

@@ -5,11 +5,12 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <future>
 #include <thread>
 
+#include "file_bytes.h"
 #include "ivra_mutex.h"
+#include "subprocess.h"
 
 namespace {
 
@@ -77,15 +78,11 @@ pid_t hold_in_child(ivra_mutex_t* m) {
 
 // How a child that asks for `m` ends (exit status), with its stderr in `err_path`.
 int lock_in_child(ivra_mutex_t* m, const char* err_path) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
+  return in_child([&] {
     (void)std::freopen(err_path, "w", stderr);
     ivra_mutex_lock(m);
-    _exit(0);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return 0;
+  });
 }
 
 // Another process's hold keeps this one out for a bounded time, after which it ends naming
@@ -95,8 +92,7 @@ TEST(HostMutexAcrossProcesses, WaitIsBoundedAndNamesTheHolderWhoseDeathFreesIt) 
   ::setenv("KORA_SSL_LOCK_WAIT", "1", 1);
   const pid_t holder = hold_in_child(&m);
   EXPECT_EQ(lock_in_child(&m, "/data/waiter.err"), 75);
-  std::ifstream err("/data/waiter.err");
-  const std::string said((std::istreambuf_iterator<char>(err)), {});
+  const std::string said = slurp("/data/waiter.err");
   EXPECT_NE(said.find("locked by process " + std::to_string(holder)), std::string::npos) << said;
   ::kill(holder, SIGKILL);
   ::waitpid(holder, nullptr, 0);

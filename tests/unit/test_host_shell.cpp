@@ -1,18 +1,14 @@
 // The shell command runner: results and completion before return.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "ds_system.h"
+#include "file_bytes.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using kora::test::slurp;
 
 TEST(Shell, ReturnsTheShellsStatusForTheGivenLengthOnceTheEffectIsVisible) {
   EXPECT_EQ(ds_system_call("kill -9 $$", 10), 128 + 9);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -10,8 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "file_bytes.h"
 #include "log_capture.h"
 #include "ssl_store.h"
+#include "subprocess.h"
 
 namespace {
 
@@ -60,29 +61,27 @@ TEST(Files, NoMemoryLeavesFileOpen) {
   const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0600);
   ASSERT_EQ(0, ftruncate(fd, 1 << 30));  // sparse on tmpfs
   close(fd);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    kora::test::LogCapture log;
-    if (sizeof(void*) == 4) {
-      fill_address_space();
-    } else {
-      const rlimit limit{512u << 20, 512u << 20};
-      setrlimit(RLIMIT_AS, &limit);
-    }
-    void* buffer = nullptr;
-    size_t size = 0;
-    const int rc = ssl_store_read_from_file(path.c_str(), &buffer, &size);
-    bool open_left = false;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-      std::error_code ec;
-      open_left |= std::filesystem::read_symlink(entry.path(), ec) == path;
-    }
-    _exit(rc == -3 && open_left && log.has("ssl_store_read_from_file: KORA_ERR_NO_MEMORY \n", kError) ? 0
-                                                                                                      : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(0, kora::test::in_child([&] {
+              kora::test::LogCapture log;
+              if (sizeof(void*) == 4) {
+                fill_address_space();
+              } else {
+                const rlimit limit{512u << 20, 512u << 20};
+                setrlimit(RLIMIT_AS, &limit);
+              }
+              void* buffer = nullptr;
+              size_t size = 0;
+              const int rc = ssl_store_read_from_file(path.c_str(), &buffer, &size);
+              bool open_left = false;
+              for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+                std::error_code ec;
+                open_left |= std::filesystem::read_symlink(entry.path(), ec) == path;
+              }
+              return rc == -3 && open_left &&
+                             log.has("ssl_store_read_from_file: KORA_ERR_NO_MEMORY \n", kError)
+                         ? 0
+                         : 1;
+            }));
 }
 
 TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
@@ -93,8 +92,7 @@ TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
   ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
   EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
   EXPECT_TRUE(log.has("ssl_store_write_to_file: name or buffer_ptr or buffer size is NULL\n", kError));
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_EQ(bytes, std::string(std::istreambuf_iterator<char>(in), {}));
+  EXPECT_EQ(bytes, kora::test::slurp(path));
   EXPECT_EQ(0, ssl_store_delete_file(path.c_str()));
   EXPECT_FALSE(exists(path));
   EXPECT_EQ(-1, ssl_store_delete_file(path.c_str()));

@@ -6,22 +6,20 @@
 #include <vector>
 
 #include "fakes.h"
+#include "file_bytes.h"
 #include "log_capture.h"
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
 
 namespace {
 
+using kora::test::slurp;
+
 namespace fake = kora::fake;
 
 const std::string kBlobPath = "/data/data_velto/.ssl/keyblob/takey.blob";
 const std::string kNoncePath = "/data/data_velto/.ssl/keyblob/takey.nonce";
 const std::string kSuccess = "SSL_cert_store: Successfully genereated Keyblob";
-
-std::string file_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 class Keyblob : public testing::Test {
  protected:
@@ -35,8 +33,8 @@ TEST_F(Keyblob, FirstStartGeneratesAndStoresBothOnce) {
   EXPECT_EQ((std::vector<std::string>{"Keyblob is generated", kSuccess}), log_.texts());
   EXPECT_EQ((std::vector<std::string>{kBlobPath + " 65 511", kNoncePath + " 65 511"}), fake::put_calls);
   ASSERT_EQ(fake::kBlobLength, g_keyblob_len);
-  EXPECT_EQ(std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len), file_bytes(kBlobPath));
-  EXPECT_EQ(std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), file_bytes(kNoncePath));
+  EXPECT_EQ(std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len), slurp(kBlobPath));
+  EXPECT_EQ(std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), slurp(kNoncePath));
   log_.clear();
   ASSERT_EQ(0, provide());  // already in memory: nothing is written again
   EXPECT_EQ((std::vector<std::string>{kSuccess}), log_.texts());

@@ -6,15 +6,17 @@
 
 #include <ctime>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
+#include "file_bytes.h"
 #include "kora_certgen.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
 
 namespace {
+
+using kora::test::slurp;
 
 const std::string kSessions = "/data/data_velto/.ssl/sessions/";
 const std::string kSession1 = kSessions + "cred_1.session", kTimestamp1 = kSessions + "cred_1.timestamp";
@@ -25,11 +27,6 @@ struct Outcome {
   ssl_conn_info_t info{};
   std::string saved;
 };
-
-std::string contents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // A server object with a self-signed certificate and a client object bound to "cred".
 class ObjectPair : public ::testing::TestWithParam<int> {
@@ -105,10 +102,10 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(first.info.session_reused, 0);
   ASSERT_EQ(first.save_rc, 0);
   EXPECT_EQ(first.saved, kSession1);
-  EXPECT_NE(contents(kSession1).substr(0, 1), "\x30")
+  EXPECT_NE(slurp(kSession1).substr(0, 1), "\x30")
       << "the session (and its master secret) stored in the clear";
   session_store_t rec{};
-  ASSERT_EQ(contents(kTimestamp1).copy(reinterpret_cast<char*>(&rec), sizeof rec), sizeof rec);
+  ASSERT_EQ(slurp(kTimestamp1).copy(reinterpret_cast<char*>(&rec), sizeof rec), sizeof rec);
   EXPECT_STREQ(rec.ciphersuite, first.info.cipher);
   EXPECT_EQ(rec.protocol, GetParam());
   EXPECT_LE(std::labs(static_cast<long>(rec.session_timestamp - std::time(nullptr))), 60L);
@@ -118,7 +115,7 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   ASSERT_EQ(second.client_rc, 0);
   EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not offered";
   EXPECT_EQ(second.saved, kSessions + "cred_3.session") << "first free number not taken";
-  EXPECT_EQ(contents(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
+  EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ObjectPair, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
