@@ -60,10 +60,9 @@ class Interop : public ::testing::Test {
     return {"-cert", tool_file("srv.pem", cred.cert_pem()), "-key", tool_file("srv.key", cred.key_pem())};
   }
 
-  // "openssl s_server -www" on 127.0.0.1 at a free port, serving `accepts` connections.
-  static std::unique_ptr<Subprocess> s_server(std::vector<std::string> args, int* port, int accepts = 1) {
-    args.insert(args.begin(), {"openssl", "s_server", "-accept", "127.0.0.1:0", "-www", "-naccept",
-                               std::to_string(accepts)});
+  // "openssl s_server -www" on 127.0.0.1 at a free port, serving one connection.
+  static std::unique_ptr<Subprocess> s_server(std::vector<std::string> args, int* port) {
+    args.insert(args.begin(), {"openssl", "s_server", "-accept", "127.0.0.1:0", "-www", "-naccept", "1"});
     std::string why;
     auto server = Subprocess::start(args, &why);
     const std::string line = server ? server->wait_for_line("ACCEPT 127.0.0.1:", 10s) : "";
@@ -117,7 +116,7 @@ class Versions : public Interop, public ::testing::WithParamInterface<int> {};
 const auto kVersionName = [](const auto& p) { return p.param == TLS1_3_VERSION ? "Tls13" : "Tls12"; };
 
 // The stored certificate and key satisfy a server that demands one; the session saved from that
-// connection resumes the next one, and its files go with the credential.
+// connection (its resumption is in the object layer's tests) goes with the credential.
 TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   const Credential dev = issue("dev-client", &ca_);
   store("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
@@ -132,7 +131,7 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   args.insert(args.end(), {"-Verify", "1", "-CAfile", tool_file("ca.pem", ca_.cert_pem()),
                            GetParam() == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"});
   int port = 0;
-  auto server = s_server(args, &port, 2);
+  auto server = s_server(args, &port);
   ASSERT_NE(server, nullptr);
   char saved[512] = {};
   int save_rc = -99;
@@ -146,10 +145,6 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   const std::string timestamp = "/data/data_velto/.ssl/sessions/dev_1.timestamp";
   EXPECT_EQ(saved, session);
   ASSERT_TRUE(exists(session) && exists(timestamp));
-
-  const Exchange second = request(hdl, port);
-  ASSERT_EQ(second.open_rc, 0);
-  EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not resumed";
   EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, nullptr, 0, false), 0);
   EXPECT_FALSE(exists(session) || exists(timestamp));
