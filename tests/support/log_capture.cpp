@@ -46,10 +46,4 @@ bool LogCapture::has(const std::string& text, uint32_t mask) const {
                      [&](const LoggedMessage& m) { return m.text == text && m.mask == mask; });
 }
 
-size_t LogCapture::count(const std::string& text) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return static_cast<size_t>(std::count_if(messages_.begin(), messages_.end(),
-                                           [&](const LoggedMessage& m) { return m.text == text; }));
-}
-
 }  // namespace kora::test

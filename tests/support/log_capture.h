@@ -31,7 +31,6 @@ class LogCapture {
   void clear();
   // True when a message with exactly this text and mask was logged.
   bool has(const std::string& text, uint32_t mask) const;
-  size_t count(const std::string& text) const;
 
  private:
   static void sink(const msg_const_type* site, const char* text, void* user);
