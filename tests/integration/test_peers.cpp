@@ -9,8 +9,8 @@
 #include <fstream>
 #include <regex>
 
+#include "cli_tool.h"
 #include "kora_certgen.h"
-#include "subprocess.h"
 
 namespace kora::test {
 namespace {
@@ -167,9 +167,8 @@ class Peers : public ::testing::TestWithParam<Case> {
     for (const char* command : {"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
                                 "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key",
                                 "put ca root /data/in/root.pem", "put psk tab /data/in/tab.psk"}) {
-      std::string why;
-      auto child = Subprocess::start(cli_argv(command), &why);
-      ASSERT_TRUE(child && child->wait_exit(30s) == 0) << command << why << (child ? child->output() : "");
+      const Result r = cli(command);
+      ASSERT_EQ(r.code, 0) << command << r.out << r.err;
     }
   }
 };
