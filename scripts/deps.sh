@@ -11,6 +11,7 @@
 #   fuzz      clang (libFuzzer and the sanitizers)
 #   bench     Google Benchmark
 #   cross     the 32-bit ARM cross compiler and qemu-user (host packages)
+#   guest     qemu-system-arm, cpio and jq for the ARM guest (scripts/system-armhf.sh)
 #   armhf     the armhf development libraries, through dpkg multiarch (adds the armhf
 #             architecture to dpkg when it is not there)
 #   all       every set above except cross and armhf
@@ -31,6 +32,7 @@ declare -A SETS=(
   [fuzz]="clang"
   [bench]="libbenchmark-dev"
   [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
+  [guest]="qemu-system-arm cpio jq"
   [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
 
@@ -39,7 +41,7 @@ for arg in "${@:-build}"; do
   case "$arg" in
     -h | --help) usage; exit 0 ;;
     all) requested+=(build analysis valgrind fuzz bench) ;;
-    build | analysis | valgrind | fuzz | bench | cross | armhf) requested+=("$arg") ;;
+    build | analysis | valgrind | fuzz | bench | cross | guest | armhf) requested+=("$arg") ;;
     *) echo "deps.sh: unknown set '$arg'" >&2; usage >&2; exit 2 ;;
   esac
 done
