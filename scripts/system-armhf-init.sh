@@ -23,7 +23,8 @@ status=0
 
 say() { echo "kora-guest: $*"; }
 
-for mod in $(cat /kora/modules/order); do
+read -r modules </kora/modules/order
+for mod in $modules; do
   args=
   [ "$mod" = nandsim ] && args="id_bytes=0xec,0xf1,0x00,0x15"
   # shellcheck disable=SC2086
