@@ -50,7 +50,7 @@ flash_down() {
   esac
 }
 
-# run_case NAME TIMEOUT WORKDIR [VAR=VALUE...] -- PROGRAM ARGS...
+# run_case NAME TIMEOUT WORKDIR [VAR=VALUE...] -- PROGRAM ARGS...  (the lines of /kora/cases)
 run_case() {
   name=$1
   (
@@ -62,35 +62,52 @@ run_case() {
     done
     shift
     mkdir -p "$dir" && cd "$dir" && exec timeout "$limit" "$@"
-  ) >/tmp/case.log 2>&1
+  ) >"$log" 2>&1
   rc=$?
   if [ "$rc" -eq 0 ]; then
     echo "PASS $name"
-    passed=$((passed + 1))
   else
     echo "FAIL $name (exit $rc)"
-    tail -n 40 /tmp/case.log
-    failed=$((failed + 1))
+    tail -n 40 "$log"
+    echo "$name" >>/tmp/failed
   fi
-  [ -z "$KORA_TEST_STORE_MOUNT" ] || rm -rf "$KORA_TEST_STORE_MOUNT"/store-*
+  [ -z "${KORA_TEST_STORE_MOUNT:-}" ] || rm -rf "$KORA_TEST_STORE_MOUNT"/store-*
+}
+
+# worker N: runs every other case (N = 0 or 1), on flash with its stores in a directory of its
+# own under $store_mount.
+worker() {
+  log=/tmp/case.$1.log
+  if [ -n "$store_mount" ]; then
+    export KORA_TEST_STORE_MOUNT="$store_mount/worker$1"
+    mkdir -p "$KORA_TEST_STORE_MOUNT"
+  fi
+  awk -v w="$1" 'NR % 2 == w' /kora/cases >"/tmp/cases.$1"
+  while IFS= read -r line; do
+    eval "$line"
+  done <"/tmp/cases.$1"
 }
 
 for pass in $PASSES; do
-  passed=0 failed=0 start=$(date +%s)
-  unset KORA_TEST_STORE_MOUNT
+  start=$(date +%s)
+  : >/tmp/failed
+  store_mount=
   if [ "$pass" != tmpfs ]; then
     if ! flash_up "$pass"; then
       say "pass $pass: the flash file system cannot be made"
       status=1
       continue
     fi
-    export KORA_TEST_STORE_MOUNT=/flash
+    store_mount=/flash
   fi
   say "pass $pass: stores on $(if [ "$pass" = tmpfs ]; then echo tmpfs; else grep ' /flash ' /proc/mounts; fi)"
-  # shellcheck disable=SC1091
-  . /kora/cases
+  # Two workers, one per CPU.
+  worker 0 &
+  worker 1 &
+  wait
   [ "$pass" = tmpfs ] || flash_down "$pass" || status=1
-  say "pass $pass: $passed passed, $failed failed in $(($(date +%s) - start)) s"
+  failed=$(wc -l </tmp/failed)
+  say "pass $pass: $(($(wc -l </kora/cases) - failed)) passed, $failed failed in $(($(date +%s) - start)) s"
   [ "$failed" -eq 0 ] || status=1
 done
 

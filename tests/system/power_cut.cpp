@@ -55,9 +55,9 @@ constexpr int kAbsent = -1;
 struct Credential {
   std::string name;
   kora_Net_SSL_Cert_Type_t type;
-  std::string dir;                                // under the store root
-  std::array<std::string, kVersions> bytes;       // what is stored, per version
-  std::array<std::string, kVersions> key_bytes;   // certificates only: the private key
+  std::string dir;                               // under the store root
+  std::array<std::string, kVersions> bytes;      // what is stored, per version
+  std::array<std::string, kVersions> key_bytes;  // certificates only: the private key
 };
 
 // What the verifier found for one credential.
@@ -80,7 +80,8 @@ std::vector<Credential> make_credentials() {
         spec.is_ca = type == KORA_NET_SSL_CA_LIST_E;
         const auto pair = kora::certgen::make_self_signed(spec);
         if (type == KORA_NET_SSL_PSK_TABLE_E) {
-          c.bytes[v] = kora::test::psk_table({{c.name + "-client", std::string(16 + v, static_cast<char>('a' + v))}});
+          c.bytes[v] =
+              kora::test::psk_table({{c.name + "-client", std::string(16 + v, static_cast<char>('a' + v))}});
         } else {
           c.bytes[v] = pair.cert_pem();
           c.key_bytes[v] = pair.key_pem();
@@ -375,7 +376,9 @@ int main(int argc, char** argv) {
       }
       if (o == kWrongBytes || o == kLost || o == kWedged) {
         std::printf("power cut %d: %s %s (version %d, %s)\n", n.cuts, creds[c].name.c_str(),
-                    o == kWrongBytes ? "accepted wrong bytes" : o == kLost ? "lost" : "cannot be stored again",
+                    o == kWrongBytes ? "accepted wrong bytes"
+                    : o == kLost     ? "lost"
+                                     : "cannot be stored again",
                     committed[c], static_cast<int>(c) == doubt ? "being written" : "not being written");
       }
     }
@@ -390,8 +393,9 @@ int main(int argc, char** argv) {
       "power cut: changes under way: old %d, new %d, refused %d (each stored again: %d wedged)\n"
       "power cut: wrong bytes accepted %d, other credentials lost %d, failed starts %d, key material "
       "changed %d, missing %d\n",
-      n.cuts, n.torn, n.forced, n.idle, n.outcome[kOld], n.outcome[kNew], n.outcome[kRefused] + n.outcome[kWedged],
-      n.outcome[kWedged], n.outcome[kWrongBytes], n.outcome[kLost], n.failed_starts, n.key_changed, n.key_missing);
+      n.cuts, n.torn, n.forced, n.idle, n.outcome[kOld], n.outcome[kNew],
+      n.outcome[kRefused] + n.outcome[kWedged], n.outcome[kWedged], n.outcome[kWrongBytes], n.outcome[kLost],
+      n.failed_starts, n.key_changed, n.key_missing);
   const bool good = n.outcome[kWrongBytes] == 0 && n.outcome[kLost] == 0 && n.outcome[kWedged] == 0 &&
                     n.failed_starts == 0 && n.key_changed == 0;
   std::printf("power cut: %s\n", good ? "passed" : "FAILED");
