@@ -61,7 +61,10 @@ struct Credential {
 };
 
 // What the verifier found for one credential.
-enum Outcome : char { kSame, kOld, kNew, kRefused, kWrongBytes, kLost, kWedged };
+// kRefusedMisreported: refused, and putting it back worked but the store's call said it
+// failed (removing a certificate whose key file the cut kept from being written deletes the
+// certificate and returns -1 for the missing key).
+enum Outcome : char { kSame, kOld, kNew, kRefused, kRefusedMisreported, kWrongBytes, kLost, kWedged };
 
 std::vector<Credential> make_credentials() {
   std::vector<Credential> creds;
@@ -101,10 +104,13 @@ std::optional<std::string> slurp(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool write_debugfs(const std::string& file, const char* value) {
+// A switch that cannot be set would turn the cut into a clean stop: that ends the run.
+void write_debugfs(const std::string& file, const char* value) {
   std::ofstream out(kDebugfs + file);
-  out << value;
-  return static_cast<bool>(out.flush());
+  if (!(out << value).flush()) {
+    std::fprintf(stderr, "power cut: cannot write %s%s\n", kDebugfs, file.c_str());
+    std::exit(1);
+  }
 }
 
 bool read_only(const char* path) {
@@ -194,15 +200,18 @@ struct Counts {
 };
 
 // The workload: random changes, each followed by a sync, reported on `out` as
-// "<cred> <version>\n" before the change and "done\n" once it is on flash.
-[[noreturn]] void workload(const std::vector<Credential>& creds, int out, unsigned seed) {
+// "<cred> <version>\n" before the change and "done\n" once it is on flash. Only credentials
+// that are there are removed: removing an absent one is refused and would end the run.
+[[noreturn]] void workload(const std::vector<Credential>& creds, std::vector<int> state, int out,
+                           unsigned seed) {
   if (ssl_store_init() != KORA_OK) {
     _exit(3);
   }
   std::mt19937 rng(seed);
   for (;;) {
     const size_t c = rng() % creds.size();
-    const int v = static_cast<int>(rng() % (kVersions + 1)) - 1;
+    const int v = state[c] == kAbsent ? static_cast<int>(rng() % kVersions)
+                                      : static_cast<int>(rng() % (kVersions + 1)) - 1;
     const std::string begin = std::to_string(c) + " " + std::to_string(v) + "\n";
     if (write(out, begin.data(), begin.size()) < 0) {
       _exit(4);
@@ -218,6 +227,7 @@ struct Counts {
     if (write(out, "done\n", 5) < 0) {
       _exit(4);
     }
+    state[c] = v;
   }
 }
 
@@ -293,7 +303,7 @@ int main(int argc, char** argv) {
     const pid_t pid = fork();
     if (pid == 0) {
       close(pipe_fds[0]);
-      workload(creds, pipe_fds[1], child_seed);
+      workload(creds, committed, pipe_fds[1], child_seed);
     }
     close(pipe_fds[1]);
     // Power goes at a random moment: the emulation arms now and fires at a write of its
@@ -301,9 +311,15 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20 + rng() % 1500));
     write_debugfs("tst_recovery", "1");
     bool exited = false;
+    int status = 0;
     for (int i = 0; i < 300 && !exited; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      exited = waitpid(pid, nullptr, WNOHANG) == pid;
+      exited = waitpid(pid, &status, WNOHANG) == pid;
+    }
+    if (exited && status != 0) {
+      std::printf("power cut %d: the workload failed with the flash still working (%d)\n", n.cuts, status);
+      ++n.failed_starts;
+      break;
     }
     if (!exited) {
       write_debugfs("ubi0_0/ro_error", "1");
@@ -350,9 +366,11 @@ int main(int argc, char** argv) {
       std::string report;
       for (size_t c = 0; c < creds.size(); ++c) {
         Outcome o = classify(creds[c], committed[c], static_cast<int>(c) == doubt, next);
-        if (o == kRefused && (store(creds[c], committed[c]) != KORA_OK ||
-                              classify(creds[c], committed[c], false, kAbsent) != kSame)) {
-          o = kWedged;
+        if (o == kRefused) {
+          const bool reported_ok = store(creds[c], committed[c]) == KORA_OK;
+          o = classify(creds[c], committed[c], false, kAbsent) != kSame ? kWedged
+              : reported_ok                                             ? kRefused
+                                                                        : kRefusedMisreported;
         }
         report += static_cast<char>(o);
       }
@@ -390,12 +408,14 @@ int main(int argc, char** argv) {
   std::printf(
       "power cut: %d cuts on UBIFS (%d by the emulation at a write, %d by the error state between writes, "
       "%d with no change under way)\n"
-      "power cut: changes under way: old %d, new %d, refused %d (each stored again: %d wedged)\n"
+      "power cut: changes under way: old %d, new %d, refused %d (each put back: %d wedged, %d reported as "
+      "failed though done)\n"
       "power cut: wrong bytes accepted %d, other credentials lost %d, failed starts %d, key material "
       "changed %d, missing %d\n",
       n.cuts, n.torn, n.forced, n.idle, n.outcome[kOld], n.outcome[kNew],
-      n.outcome[kRefused] + n.outcome[kWedged], n.outcome[kWedged], n.outcome[kWrongBytes], n.outcome[kLost],
-      n.failed_starts, n.key_changed, n.key_missing);
+      n.outcome[kRefused] + n.outcome[kRefusedMisreported] + n.outcome[kWedged], n.outcome[kWedged],
+      n.outcome[kRefusedMisreported], n.outcome[kWrongBytes], n.outcome[kLost], n.failed_starts,
+      n.key_changed, n.key_missing);
   const bool good = n.outcome[kWrongBytes] == 0 && n.outcome[kLost] == 0 && n.outcome[kWedged] == 0 &&
                     n.failed_starts == 0 && n.key_changed == 0;
   std::printf("power cut: %s\n", good ? "passed" : "FAILED");
