@@ -108,7 +108,7 @@ std::optional<std::string> slurp(const std::string& path) {
 void write_debugfs(const std::string& file, const char* value) {
   std::ofstream out(kDebugfs + file);
   if (!(out << value).flush()) {
-    std::fprintf(stderr, "power cut: cannot write %s%s\n", kDebugfs, file.c_str());
+    (void)std::fprintf(stderr, "power cut: cannot write %s%s\n", kDebugfs, file.c_str());
     std::exit(1);
   }
 }
@@ -246,7 +246,7 @@ bool remount() {
 // Runs `fn` in a child process and returns its exit status (-1 when it did not exit).
 template <typename Fn>
 int in_child(Fn fn) {
-  std::fflush(nullptr);
+  (void)std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
     _exit(fn());
@@ -287,7 +287,7 @@ int main(int argc, char** argv) {
   });
   const auto keyblob = slurp(kKeyblob), root_key = slurp(kRootKey);
   if (setup != 0 || !keyblob || !root_key) {
-    std::fprintf(stderr, "power cut: the store cannot be set up (%d)\n", setup);
+    (void)std::fprintf(stderr, "power cut: the store cannot be set up (%d)\n", setup);
     return 1;
   }
   std::printf("power cut: %d cuts on UBIFS, seed %u\n", cuts, seed);
@@ -298,7 +298,7 @@ int main(int argc, char** argv) {
     if (pipe(pipe_fds.data()) != 0) {
       return 1;
     }
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     const unsigned child_seed = rng();
     const pid_t pid = fork();
     if (pid == 0) {
