@@ -156,7 +156,7 @@ bool matches(const FileState& s, int v, const std::array<std::string, kVersions>
 
 bool loads(const Credential& c) {
   if (c.type == KORA_NET_SSL_DI_CERT_E) {
-    return true;  // a DI certificate is not loaded onto an SSL object; its bytes are checked
+    return read_stored(kStoreRoot + c.dir + c.name).has_value();  // read back, not put on an object
   }
   ssl_obj_hdl_t obj = 0;
   if (ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &obj) != 0) {
