@@ -110,8 +110,15 @@ for entries in (1, 100, 1000, 10000):
                      f"{share * 100:.1f}%", goal, met))
 
 for op in ("seal", "unseal"):
+    for case, limit in (("2KiB", 1.20), ("64KiB", 1.05)):
+        time_pair(f"5 {op} (key service)", case, f"p5_{op}/{case}", limit)
+# The PKCS#11 backend on SoftHSM2: the token's own cost per call, reported, not a goal.
+for op in ("seal", "unseal"):
     for case in ("2KiB", "64KiB"):
-        time_pair(f"5 {op} (key service)", case, f"p5_{op}/{case}", 1.50)
+        t, b = runs.get(f"p5_{op}/{case}/token"), runs.get(f"p5_{op}/{case}/baseline")
+        if t and b and not t.get("error_occurred"):
+            rows.append((f"5 {op} (token)", case, fmt_time(ns(t)), fmt_time(ns(b)), f"{ns(t) / ns(b):.2f}x",
+                         "(reported: the token's cost)", None))
 time_pair("6 store 2 KiB cert", "+ sync", "p6_store/cert_2KiB", 1.20)
 
 p7 = runs.get("p7_psk_parse_heap/1MiB/store")

@@ -15,7 +15,8 @@ install(TARGETS kora_ssl_store kora_ssl_util kora_platform_host kora_internal_he
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${KORA_INSTALL_INCLUDEDIR})
 
-file(GLOB KORA_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/porting_layer/inc/*.h)
+file(GLOB KORA_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/porting_layer/inc/*.h
+  ${PROJECT_SOURCE_DIR}/platform/host/include/*.h)
 install(FILES ${KORA_PUBLIC_HEADERS} DESTINATION ${KORA_INSTALL_INCLUDEDIR})
 
 install(EXPORT KoraSslStoreTargets NAMESPACE kora:: DESTINATION ${KORA_INSTALL_CMAKEDIR})

@@ -26,7 +26,7 @@ MODE=${KORA_ARMHF_MODE:-}
 SYSROOT_PACKAGES="libc6 libc6-dev linux-libc-dev libcrypt1 libcrypt-dev libgcc-s1 libstdc++6 gcc-12-base
   libssl3 libssl-dev libglib2.0-0 libglib2.0-dev libpcre2-8-0 libpcre2-16-0 libpcre2-32-0 libpcre2-posix3
   libpcre2-dev libffi8 libffi-dev libmount1 libmount-dev libblkid1 libblkid-dev libselinux1 libselinux1-dev
-  libsepol2 libsepol-dev zlib1g zlib1g-dev libuuid1 uuid-dev libgtest-dev libgmock-dev"
+  libsepol2 libsepol-dev zlib1g zlib1g-dev libuuid1 uuid-dev libgtest-dev libgmock-dev libp11-kit0 libp11-kit-dev"
 
 skip() {
   echo "################################################################"
@@ -62,7 +62,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 2
 fi
 
-"$ROOT/scripts/deps.sh" build cross || skip "the cross compiler or qemu-user cannot be installed"
+"$ROOT/scripts/deps.sh" build cross interop || skip "the cross compiler or qemu-user cannot be installed"
 
 sysroot_arg=()
 if [ "$MODE" != sysroot ]; then

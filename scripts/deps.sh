@@ -5,11 +5,14 @@
 #   scripts/deps.sh [SET...]
 #
 # Sets (default: build):
-#   build     compiler, CMake, OpenSSL, GLib, GoogleTest/GoogleMock, the openssl tool
+#   build     compiler, CMake, OpenSSL, GLib, p11-kit, GoogleTest/GoogleMock, the openssl tool,
+#             SoftHSM2 (the token the key service's PKCS#11 backend is tested on)
 #   analysis  clang-format, clang-tidy, cppcheck
 #   valgrind  valgrind
 #   fuzz      clang (libFuzzer and the sanitizers)
 #   bench     Google Benchmark
+#   interop   the TLS peers the interop tests run: GnuTLS tools, an MQTT broker, a TLS
+#             tunnel, curl
 #   cross     the 32-bit ARM cross compiler and qemu-user (host packages)
 #   guest     qemu-system-arm, cpio and jq for the ARM guest (scripts/system-armhf.sh)
 #   armhf     the armhf development libraries, through dpkg multiarch (adds the armhf
@@ -26,22 +29,23 @@ usage() {
 }
 
 declare -A SETS=(
-  [build]="cmake make g++ pkgconf libssl-dev openssl libglib2.0-dev libgtest-dev libgmock-dev googletest"
+  [build]="cmake make g++ pkgconf libssl-dev openssl libglib2.0-dev libp11-kit-dev p11-kit softhsm2 libgtest-dev libgmock-dev googletest"
   [analysis]="clang-format clang-tidy cppcheck"
   [valgrind]="valgrind"
   [fuzz]="clang"
   [bench]="libbenchmark-dev"
+  [interop]="gnutls-bin mosquitto stunnel4 curl"
   [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
   [guest]="qemu-system-arm cpio jq"
-  [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
+  [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libp11-kit-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
 
 requested=()
 for arg in "${@:-build}"; do
   case "$arg" in
     -h | --help) usage; exit 0 ;;
-    all) requested+=(build analysis valgrind fuzz bench) ;;
-    build | analysis | valgrind | fuzz | bench | cross | guest | armhf) requested+=("$arg") ;;
+    all) requested+=(build analysis valgrind fuzz bench interop) ;;
+    build | analysis | valgrind | fuzz | bench | interop | cross | guest | armhf) requested+=("$arg") ;;
     *) echo "deps.sh: unknown set '$arg'" >&2; usage >&2; exit 2 ;;
   esac
 done

@@ -15,6 +15,6 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 2
 fi
 
-"$ROOT/scripts/deps.sh" build
+"$ROOT/scripts/deps.sh" build interop
 KORA_BUILD_DIR="$BUILD" "$ROOT/scripts/build.sh"
 ctest --test-dir "$BUILD" --output-on-failure -j2 "$@"

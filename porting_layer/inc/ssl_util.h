@@ -84,8 +84,13 @@ int ssl_obj_set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char
  * client object verifies its server; a new server object asks for no client certificate. */
 int ssl_obj_set_verify(ssl_obj_hdl_t hdl, int mode);
 /* Client side: the server name sent in the handshake and, when the server is verified, the
- * host name its certificate must carry. Null or "" clears it. At most 255 characters. */
+ * host name its certificate must carry. An IPv4 or IPv6 address is not sent; the certificate
+ * must carry it as an IP address. Null or "" clears it. At most 255 characters. */
 int ssl_obj_set_server_name(ssl_obj_hdl_t hdl, const char* name);
+/* Client side with a PSK table: the identity whose entry the store's callback serves, whatever
+ * hint the server sends (without one, the hint chooses under TLS 1.2 and the first entry is
+ * offered under TLS 1.3). Null or "" clears it. At most 255 characters. */
+int ssl_obj_set_psk_identity(ssl_obj_hdl_t hdl, const char* identity);
 
 /* One connection per object over a connected stream socket, in the object's role. The socket
  * stays the caller's: closing the connection does not close it. */
@@ -98,6 +103,12 @@ int ssl_conn_open(ssl_obj_hdl_t hdl, int fd);
 int ssl_conn_read(ssl_obj_hdl_t hdl, void* buf, int len);
 /* Writes all len bytes: len on success, -1 on error, -2 no connection or bad argument. */
 int ssl_conn_write(ssl_obj_hdl_t hdl, const void* buf, int len);
+/* Waits up to timeout_ms for the peer's word after the handshake, without taking application
+ * data: 0 the peer sent data or, as a TLS 1.3 server does once it accepts the client, session
+ * tickets; 1 nothing came; -1 the peer ended the connection (its alert in ssl_conn_get_info);
+ * -2 no connection or a negative timeout. Under TLS 1.3 a server that refuses the client's
+ * certificate says so only after the client's handshake has ended. */
+int ssl_conn_await_peer(ssl_obj_hdl_t hdl, int timeout_ms);
 /* Sends the close notification. 0 sent, -1 error, -2 no connection. */
 int ssl_conn_shutdown(ssl_obj_hdl_t hdl);
 /* Frees the connection (without a close notification). 0, or -2 when there is none. */
@@ -109,6 +120,7 @@ typedef struct {
   char peer_subject[256]; /* one-line subject of the peer's certificate, "" without one */
   long verify_result;     /* X509_V_OK or the verification error */
   int session_reused;     /* 1 when a saved session was resumed */
+  char peer_alert[64];    /* the last alert the peer sent, e.g. "certificate required"; "" for none */
 } ssl_conn_info_t;
 /* 0 and *info filled; -2 no connection or null info. */
 int ssl_conn_get_info(ssl_obj_hdl_t hdl, ssl_conn_info_t* info);

@@ -7,10 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 
+#include "cli_tool.h"
 #include "kora_certgen.h"
-#include "subprocess.h"
 
 namespace kora::test {
 namespace {
@@ -19,39 +18,6 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 const std::string kStore = "/data/data_velto/.ssl/";
 const auto kLabel = [](const auto& p) { return std::string(p.param.label); };
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), {}};
-}
-
-// The tool with the words of `command`; its stderr goes to `err_path`.
-std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {
-#ifdef KORA_CLI_LAUNCHER
-  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
-#else
-  std::vector<std::string> argv = {KORA_CLI_PATH};
-#endif
-  std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    argv.push_back(w);
-  }
-  std::string why;
-  auto child = Subprocess::start(argv, &why, err_path);
-  EXPECT_NE(child, nullptr) << why;
-  return child;
-}
-
-struct Result {
-  int code;
-  std::string out, err;
-};
-
-Result cli(const std::string& command) {
-  auto child = start(command, "/data/cli.err");
-  const int code = child ? child->wait_exit(30s) : -1;
-  return {code, child ? child->output() : "", slurp("/data/cli.err")};
-}
 
 // Every directory and file under the data root and the root key's directory, with its bytes.
 std::map<std::string, std::string> snapshot() {
@@ -74,7 +40,8 @@ class Cli : public ::testing::Test {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
     ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700) | ::chdir("/data/in"), 0);
     const auto ca = certgen::make_self_signed({{{"CN", "test-ca"}}, {}, false, true});
-    const auto server = certgen::make_signed({{{"CN", "test-server"}}, {}, false, false}, ca);
+    const auto server =
+        certgen::make_signed({{{"CN", "test-server"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, ca);
     const auto client = certgen::make_signed({{{"CN", "test-client"}}, {}, false, false}, ca);
     const std::vector<uint8_t> der = server.cert_der();
     const auto write = [](const char* name, const std::string& bytes) { std::ofstream(name) << bytes; };
@@ -218,7 +185,8 @@ TEST_P(CliTamper, FailsClearlyAndLoadsNothing) {
 const Tamper kTampers[] = {
     {"ca_list", "ca_lists/roots", "connect 127.0.0.1:1 --ca roots", "loading CA list 'roots' failed"},
     {"certificate", "certs/srv", "serve 1 --cert srv", "loading certificate 'srv' failed"},
-    {"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli", "loading certificate 'cli' failed"},
+    {"private_key", "private_keys/cli", "connect 127.0.0.1:1 --cert cli --insecure",
+     "loading certificate 'cli' failed"},
     {"key_blob", "keyblob/takey.blob", "serve 1 --cert srv", "loading certificate 'srv' failed"},
 };
 INSTANTIATE_TEST_SUITE_P(Files, CliTamper, ::testing::ValuesIn(kTampers), kLabel);

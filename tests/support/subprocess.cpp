@@ -40,8 +40,14 @@ std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& ar
     args.push_back(const_cast<char*>(a.c_str()));
   }
   args.push_back(nullptr);
+  // A group of its own, so that killing it also ends what it started (a peer under "timeout").
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attr, 0);
   std::unique_ptr<Subprocess> child(new Subprocess);
-  const int rc = ::posix_spawnp(&child->pid_, args[0], &actions, nullptr, args.data(), environ);
+  const int rc = ::posix_spawnp(&child->pid_, args[0], &actions, &attr, args.data(), environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   ::close(in[0]);
   ::close(out[1]);
@@ -57,7 +63,7 @@ std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& ar
 
 Subprocess::~Subprocess() {
   if (!reaped_) {
-    ::kill(pid_, SIGKILL);
+    ::kill(-pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
   }
   close_stdin();
@@ -86,13 +92,13 @@ bool Subprocess::read_some(std::chrono::steady_clock::time_point deadline) {
   return true;
 }
 
-std::string Subprocess::wait_for_line(const std::string& prefix, std::chrono::milliseconds timeout) {
+std::string Subprocess::wait_for_line(const std::string& text, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   do {
     for (size_t end; (end = output_.find('\n', scanned_)) != std::string::npos;) {
       std::string line = output_.substr(scanned_, end - scanned_);
       scanned_ = end + 1;
-      if (line.compare(0, prefix.size(), prefix) == 0) {
+      if (line.find(text) != std::string::npos) {
         return line;
       }
     }

@@ -1,11 +1,12 @@
 // A child process with its stdin and stdout on pipes, for tests that talk to command-line tools.
-// Every wait has a deadline; the destructor kills a child still running.
+// Every wait has a deadline; the destructor kills a child still running, with its process group.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,8 @@ class Subprocess {
   static std::unique_ptr<Subprocess> start(const std::vector<std::string>& argv, std::string* why,
                                            const std::string& err_path = "");
   ~Subprocess();
-  // The next output line beginning with `prefix`; "" when the output ends or the deadline passes.
-  std::string wait_for_line(const std::string& prefix, std::chrono::milliseconds timeout);
+  // The next output line holding `text`; "" when the output ends or the deadline passes.
+  std::string wait_for_line(const std::string& text, std::chrono::milliseconds timeout);
   // Reads the output to its end and reaps the child: its exit code, 128 + signal, or -1 on timeout.
   int wait_exit(std::chrono::milliseconds timeout);
   void close_stdin();
@@ -40,5 +41,29 @@ class Subprocess {
 // stored in *port. -1 on failure.
 int connect_loopback(int port);
 int listen_loopback(int* port);
+
+// The blank-separated words of `command`.
+inline std::vector<std::string> words_of(const std::string& command) {
+  std::vector<std::string> out;
+  std::istringstream words(command);
+  for (std::string w; words >> w;) {
+    out.push_back(w);
+  }
+  return out;
+}
+
+#ifdef KORA_CLI_PATH
+// The tool's command line for the words of `command`; a cross-built tool runs under the emulator.
+inline std::vector<std::string> cli_argv(const std::string& command) {
+#ifdef KORA_CLI_LAUNCHER
+  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
+#else
+  std::vector<std::string> argv = {KORA_CLI_PATH};
+#endif
+  const std::vector<std::string> words = words_of(command);
+  argv.insert(argv.end(), words.begin(), words.end());
+  return argv;
+}
+#endif
 
 }  // namespace kora::test

@@ -4,3 +4,14 @@ foreach(service msg efs shell mutex km)
     LIBS kora_platform_host OpenSSL::Crypto LABELS platform)
   target_include_directories(test_host_${service} PRIVATE ${PROJECT_SOURCE_DIR}/platform/host)
 endforeach()
+# The key service's PKCS#11 backend on a private SoftHSM2 token: the same source, built with
+# the token's cases.
+if(KORA_SOFTHSM2_MODULE)
+  kora_add_gtest(test_host_km_token SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_host_km.cpp
+    ${PROJECT_SOURCE_DIR}/tests/token/softhsm_token.cpp
+    LIBS kora_platform_host OpenSSL::Crypto LABELS token PREFIX token.)
+  target_include_directories(test_host_km_token PRIVATE ${PROJECT_SOURCE_DIR}/platform/host
+    ${PROJECT_SOURCE_DIR}/tests/token)
+  target_compile_definitions(test_host_km_token PRIVATE KORA_KM_TOKEN_TESTS
+    KORA_SOFTHSM2_MODULE="${KORA_SOFTHSM2_MODULE}")
+endif()

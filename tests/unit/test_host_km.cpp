@@ -1,16 +1,27 @@
-// The host key service with real OpenSSL and a real root key file on the private tmpfs.
+// The host key service with real OpenSSL and a real root key file on the private tmpfs; built
+// a second time with KORA_KM_TOKEN_TESTS, where the same properties run against the PKCS#11
+// backend on a private SoftHSM2 token.
 #include <gtest/gtest.h>
 #include <openssl/rand.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_km.h"
+#include "kora_host_km.h"
 #include "ssl_KM_crypto_services.h"
+#ifdef KORA_KM_TOKEN_TESTS
+#include <p11-kit/p11-kit.h>
+
+#include "softhsm_token.h"
+#endif
 
 namespace {
 
@@ -18,10 +29,6 @@ using Bytes = std::vector<uint8_t>;
 namespace km = kora::km;
 const char* const kRootKey = "/data/km/root.key";
 constexpr int kSeal = SSL_KM_DIRECTION_SEAL, kUnseal = SSL_KM_DIRECTION_UNSEAL;
-
-void write_file(const std::string& path, const Bytes& b) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
-}
 
 Bytes random_bytes(size_t n) {
   Bytes b(n);
@@ -56,6 +63,10 @@ class HostKm : public testing::Test {
   void SetUp() override {
     setenv("KORA_KM_ROOT_KEY", kRootKey, 1);
     ::umask(022);
+#ifdef KORA_KM_TOKEN_TESTS
+    ASSERT_EQ(kora::test::make_softhsm_token("/data/hsm"), "");
+    setenv("KORA_KM_PKCS11_URI", kora::test::token_uri().c_str(), 1);
+#endif
     blob_ = new_blob();
   }
   Bytes seal(const Bytes& plain) {
@@ -65,16 +76,6 @@ class HostKm : public testing::Test {
   }
   Bytes blob_, nonce_ = random_bytes(km::kNonceLen);
 };
-
-// The first use creates the root key, private, with no temporary file left behind.
-TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
-  struct stat st {};
-  ASSERT_EQ(stat(kRootKey, &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  EXPECT_EQ(st.st_size, 32);
-  EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
-  EXPECT_EQ(blob_.size(), km::kKeyBlobLen);
-}
 
 TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
   for (size_t n : {0, 17, 100000}) {
@@ -110,6 +111,61 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
   EXPECT_EQ(crypt(new_blob(), nonce_, sealed, kUnseal), km::kErrAuth);
 }
 
+// A process that starts afresh (here: a child that drops every cached key and handle) reads
+// the root key again and opens what this one sealed.
+TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
+  const Bytes plain = random_bytes(300), sealed = seal(plain);
+  const pid_t child = fork();
+  if (child == 0) {
+    km::forget_keys();
+    Bytes back;
+    _exit(crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+// Threads sealing and opening at once under two key blobs in turn (each switch replaces the
+// cached key, or the token's unwrapped key) all get their own bytes back.
+TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
+  const Bytes blobs[2] = {blob_, new_blob()};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 40; ++i) {
+        const Bytes& blob = blobs[(t + i) % 2];
+        const Bytes plain = random_bytes(static_cast<size_t>(100 + i));
+        Bytes sealed, back;
+        if (crypt(blob, nonce_, plain, kSeal, &sealed) != 0 ||
+            crypt(blob, nonce_, sealed, kUnseal, &back) != 0 || back != plain) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(failures, 0);
+}
+
+#ifndef KORA_KM_TOKEN_TESTS
+// The first use creates the root key, private, with no temporary file left behind.
+TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
+  struct stat st {};
+  ASSERT_EQ(stat(kRootKey, &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(st.st_size, 32);
+  EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
+  EXPECT_EQ(blob_.size(), km::kKeyBlobLen);
+}
+
+void write_file(const std::string& path, const Bytes& b) {
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
+}
+
 TEST_F(HostKm, DamagedBlobOrWrongRootKeyFailsEveryCall) {
   for (size_t i = 0; i < blob_.size(); ++i) {
     Bytes bad = blob_;
@@ -117,11 +173,146 @@ TEST_F(HostKm, DamagedBlobOrWrongRootKeyFailsEveryCall) {
     EXPECT_EQ(crypt(bad, nonce_, Bytes(3), kSeal), km::kErrKeyBlob) << "byte " << i;
   }
   const Bytes sealed = seal(Bytes(3));
+  // The data key is cached per process: a new root key counts from the next process on.
   write_file(kRootKey, random_bytes(32));
+  km::forget_keys();
   EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), km::kErrKeyBlob);
   write_file(kRootKey, random_bytes(31));
+  km::forget_keys();
   EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
   EXPECT_EQ(crypt(blob_, nonce_, Bytes(5), kSeal), km::kErrRootKey);
 }
+
+// A root key that someone else could have planted or can read is refused, with the file and
+// the rule named; a missing one is not made again while a key blob exists.
+struct Planted {
+  const char* label;
+  const char* setup;  // shell, run after the root key exists
+  const char* path;   // KORA_KM_ROOT_KEY then
+  const char* says;
+};
+const Planted kPlanted[] = {
+    {"symlink", "mv /data/km/root.key /data/km/real && ln -s real /data/km/root.key", kRootKey,
+     "symbolic link"},
+    {"fifo", "rm /data/km/root.key && mkfifo -m 600 /data/km/root.key", kRootKey, "not a regular file"},
+    {"directory", "rm /data/km/root.key && mkdir /data/km/root.key", kRootKey, "not a regular file"},
+    {"group_readable", "chmod 640 /data/km/root.key", kRootKey, "group or other permission"},
+    {"other_user", "chown nobody /data/km/root.key", kRootKey, "not owned by the effective user"},
+    {"open_directory", "chmod 1777 /data/km", kRootKey, "directory /data/km is writable by others"},
+    {"relative", "true", "km/root.key", "must be an absolute path"},
+    {"missing", "rm /data/km/root.key", kRootKey, "missing while a key blob exists"},
+};
+void PrintTo(const Planted& p, std::ostream* os) { *os << p.label; }
+class HostKmPlanted : public HostKm, public testing::WithParamInterface<Planted> {};
+
+TEST_P(HostKmPlanted, RefusedWithTheFileAndTheRuleNamed) {
+  const Bytes sealed = seal(Bytes(8));
+  ASSERT_EQ(std::system(GetParam().setup), 0);
+  setenv("KORA_KM_ROOT_KEY", GetParam().path, 1);
+  km::forget_keys();
+  EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), km::kErrRootKey);
+  const std::string why = kora_km_last_error();
+  EXPECT_NE(why.find(GetParam().says), std::string::npos) << why;
+  EXPECT_NE(why.find(GetParam().path[0] == '/' ? "/data/km" : GetParam().path), std::string::npos) << why;
+  EXPECT_LT(kora_km_root_key_state(), 1);
+  struct stat st {};
+  EXPECT_TRUE(std::string(GetParam().label) != "missing" || stat(kRootKey, &st) != 0)
+      << "a new root key was made";
+}
+INSTANTIATE_TEST_SUITE_P(Files, HostKmPlanted, testing::ValuesIn(kPlanted),
+                         [](const auto& p) { return std::string(p.param.label); });
+#else
+bool logged_in(CK_RV rv) { return rv == CKR_OK || rv == CKR_USER_ALREADY_LOGGED_IN; }
+
+// Reads an attribute of the token's root key through a session of the test's own.
+CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv) {
+  CK_FUNCTION_LIST* m = p11_kit_module_load(KORA_SOFTHSM2_MODULE, 0);
+  CK_SLOT_ID slots[8];
+  CK_ULONG n = 8, found = 0;
+  CK_SESSION_HANDLE s = CK_INVALID_HANDLE;
+  CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;
+  char label[] = "kora-root";
+  CK_ATTRIBUTE by_label{CKA_LABEL, label, sizeof label - 1};
+  CK_BBOOL flag = CK_FALSE;
+  CK_ATTRIBUTE attr{type, &flag, sizeof flag};
+  uint8_t secret[32];
+  CK_ATTRIBUTE value{CKA_VALUE, secret, sizeof secret};
+  auto* pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(kora::test::kTokenPin));
+  EXPECT_TRUE(m != nullptr && p11_kit_module_initialize(m) == CKR_OK &&
+              m->C_GetSlotList(CK_TRUE, slots, &n) == CKR_OK &&
+              m->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &s) == CKR_OK &&
+              // The key service's session has logged the application in already.
+              logged_in(m->C_Login(s, CKU_USER, pin, 4)) && m->C_FindObjectsInit(s, &by_label, 1) == CKR_OK &&
+              m->C_FindObjects(s, &key, 1, &found) == CKR_OK && m->C_FindObjectsFinal(s) == CKR_OK &&
+              found == 1 && m->C_GetAttributeValue(s, key, &attr, 1) == CKR_OK);
+  *value_rv = m->C_GetAttributeValue(s, key, &value, 1);
+  (void)m->C_CloseSession(s);
+  (void)p11_kit_module_finalize(m);
+  p11_kit_module_release(m);
+  return flag;
+}
+
+TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
+  CK_RV value_rv = CKR_OK;
+  EXPECT_EQ(root_key_flag(CKA_SENSITIVE, &value_rv), CK_TRUE);
+  EXPECT_EQ(root_key_flag(CKA_EXTRACTABLE, &value_rv), CK_FALSE);
+  EXPECT_EQ(root_key_flag(CKA_NEVER_EXTRACTABLE, &value_rv), CK_TRUE);
+  EXPECT_EQ(value_rv, CKR_ATTRIBUTE_SENSITIVE) << "the key's value was read out";
+}
+
+// A seal of one backend is refused by the other as another backend's, not as damage.
+TEST_F(HostKm, EachBackendRefusesTheOthersSeal) {
+  const Bytes by_token = seal(Bytes(10));
+  const std::string uri = getenv("KORA_KM_PKCS11_URI");
+  unsetenv("KORA_KM_PKCS11_URI");
+  const Bytes file_blob = new_blob();
+  Bytes by_file;
+  ASSERT_EQ(crypt(file_blob, nonce_, Bytes(10), kSeal, &by_file), 0);
+  EXPECT_EQ(crypt(file_blob, nonce_, by_token, kUnseal), km::kErrFormat);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+  setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
+  EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
+  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
+  EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+}
+
+// What a user gets wrong in the URI or the token, each said plainly; a PIN from a file works.
+struct TokenCase {
+  const char* label;
+  std::string uri;
+  int rc;
+  const char* says;
+};
+void PrintTo(const TokenCase& c, std::ostream* os) { *os << c.label; }
+class HostKmTokenUri : public HostKm, public testing::WithParamInterface<TokenCase> {};
+
+TEST_P(HostKmTokenUri, SaysWhatIsWrong) {
+  std::FILE* f = std::fopen("/data/hsm/pin", "w");
+  std::fprintf(f, "%s\n", kora::test::kTokenPin);
+  std::fclose(f);
+  const Bytes sealed = seal(Bytes(5));
+  km::forget_keys();
+  setenv("KORA_KM_PKCS11_URI", GetParam().uri.c_str(), 1);
+  // A second call fails the same way (and a refused PIN is not tried on the token again).
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), GetParam().rc);
+    EXPECT_NE(std::string(kora_km_last_error()).find(GetParam().says), std::string::npos)
+        << kora_km_last_error();
+  }
+}
+INSTANTIATE_TEST_SUITE_P(
+    Uris, HostKmTokenUri,
+    testing::Values(
+        TokenCase{"pin_file", kora::test::token_uri("pin-source=file:/data/hsm/pin"), 0, ""},
+        TokenCase{"wrong_pin", kora::test::token_uri("pin-value=9999"), km::kErrToken, "wrong PIN"},
+        TokenCase{"missing_token",
+                  "pkcs11:token=nope;object=kora-root?module-path=" KORA_SOFTHSM2_MODULE "&pin-value=1234",
+                  km::kErrToken, "no token"},
+        TokenCase{"missing_key", kora::test::token_uri("pin-value=1234", "other"), km::kErrRootKey,
+                  "has no root key"},
+        TokenCase{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so",
+                  km::kErrToken, "cannot load"}),
+    [](const auto& p) { return std::string(p.param.label); });
+#endif
 
 }  // namespace

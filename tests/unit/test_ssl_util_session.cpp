@@ -20,7 +20,8 @@ const std::string kSessions = "/data/data_velto/.ssl/sessions/";
 const std::string kSession1 = kSessions + "cred_1.session", kTimestamp1 = kSessions + "cred_1.timestamp";
 
 struct Outcome {
-  int client_rc, save_rc;
+  int client_rc, save_rc, empty_read_rc = 0;
+  std::string recorded_cipher;
   ssl_conn_info_t info{};
   std::string saved;
 };
@@ -58,13 +59,18 @@ class ObjectPair : public ::testing::TestWithParam<int> {
       char buf[64];
       if (ssl_conn_open(server_, fds[1]) == 0) {
         ssl_conn_write(server_, buf, ssl_conn_read(server_, buf, sizeof buf));
-        ssl_conn_read(server_, buf, sizeof buf);  // until the client's close notification
+        EXPECT_EQ(ssl_conn_read(server_, buf, sizeof buf), 0) << "the client's close notification";
       }
       ssl_conn_close(server_);
       ::close(fds[1]);
     });
     char echo[4] = {};
     if ((out.client_rc = ssl_conn_open(client_, fds[0])) == 0) {
+      out.empty_read_rc = ssl_conn_read(client_, echo, 0);
+      int index = -1;
+      utility_get_ssl_ctxt(ssl_get_obj_context(client_), &index);
+      out.recorded_cipher =
+          g_ssl_ctxt[index].ciphersuite + std::string("/") + std::to_string(g_ssl_ctxt[index].protocol);
       EXPECT_EQ(ssl_conn_write(client_, "ping", 4), 4);
       EXPECT_EQ(ssl_conn_read(client_, echo, sizeof echo), 4);
     }
@@ -84,8 +90,17 @@ class ObjectPair : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
+  EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1)
+      << "unknown suite ignored";
+  ASSERT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_CHACHA20_POLY1305_SHA256"), 0);
+  EXPECT_EQ(ssl_session_set_resume(client_, std::string(512, 's').c_str()), -2) << "path cut to fit";
   const Outcome first = connect();
   ASSERT_EQ(first.client_rc, 0);
+  EXPECT_EQ(first.empty_read_rc, -2) << "a zero-length read reached SSL_read";
+  EXPECT_EQ(first.recorded_cipher, std::string(first.info.cipher) + "/" + std::to_string(GetParam()));
+  if (GetParam() == TLS1_3_VERSION) {
+    EXPECT_STREQ(first.info.cipher, "TLS_CHACHA20_POLY1305_SHA256") << "TLS 1.3 suites not applied";
+  }
   EXPECT_STREQ(first.info.protocol, GetParam() == TLS1_3_VERSION ? "TLSv1.3" : "TLSv1.2");
   EXPECT_EQ(first.info.session_reused, 0);
   ASSERT_EQ(first.save_rc, 0);
@@ -98,10 +113,12 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(rec.protocol, GetParam());
   EXPECT_LE(std::labs(static_cast<long>(rec.session_timestamp - std::time(nullptr))), 60L);
 
+  std::ofstream(kSessions + "cred_2.timestamp") << "stray";
   const Outcome second = connect();
   ASSERT_EQ(second.client_rc, 0);
   EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not offered";
-  EXPECT_EQ(second.saved, kSessions + "cred_2.session") << "first free number not taken";
+  EXPECT_EQ(second.saved, kSessions + "cred_3.session") << "first free number not taken";
+  EXPECT_EQ(contents(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ObjectPair, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),

@@ -76,6 +76,23 @@ TEST(SslUtilTable, FullTableRefusesWithItsMessage) {
   const auto m = log.messages()[0];
   EXPECT_EQ(m.text, "ssl_obj_create: all 10 SSL objects are in use\n");
   EXPECT_TRUE(m.mask == kora::test::kError && m.fname == "ssl_util" && m.ss_id == 65);
+  // Lookups that miss walk the whole full table and stop at its end (AddressSanitizer sees more).
+  SSL_CTX* foreign = SSL_CTX_new(TLS_method());
+  int index = -1;
+  EXPECT_EQ(utility_get_ssl_ctxt(foreign, &index), -1);
+  EXPECT_EQ(ssl_get_obj_context(0xffffffffu), nullptr);
+  SSL_CTX_free(foreign);
+}
+
+TEST(SslUtilSmallCalls, LengthEdges) {
+  std::string der = std::string("\x30\x81\x80", 3) + std::string(0x80, '\0');
+  EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(der.data()), der.size()), 1) << "30 81 80";
+  uint8_t buf[2] = {0, 0};
+  for (int i = 0; i < 64 && buf[0] == 0; ++i) {
+    ASSERT_EQ(ssl_get_random_number(1, buf), 0);
+  }
+  EXPECT_NE(buf[0], 0) << "a 1-byte request left the byte as it was";
+  EXPECT_EQ(buf[1], 0) << "a 1-byte request wrote past it";
 }
 
 // The name is copied bounded; lookups and the record work while the store holds ssl_mutex.

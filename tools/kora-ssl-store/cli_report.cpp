@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "commands.h"
+#include "kora_host_km.h"
 #include "kora_net_ssl.h"
 #include "msg_diag.h"
 
@@ -106,6 +107,10 @@ int fail_store(const std::string& what, int status) {
   const std::string last = diag_last_error();
   if (!last.empty()) {
     line += ": " + last;
+  }
+  // The key service's own reason, when its last call failed (a refused root key, say).
+  if (const std::string km = kora_km_last_error(); !km.empty()) {
+    line += " (key service: " + km + ")";
   }
   return fail(line);
 }

@@ -67,11 +67,6 @@ bool split_host_port(const std::string& text, std::string* host, std::string* po
   return parse_port(*port, &number, why);
 }
 
-bool is_ip_literal(const std::string& host) {
-  unsigned char buf[sizeof(struct in6_addr)];
-  return inet_pton(AF_INET, host.c_str(), buf) == 1 || inet_pton(AF_INET6, host.c_str(), buf) == 1;
-}
-
 Socket tcp_connect(const std::string& host, const std::string& port, std::string* why) {
   struct addrinfo hints {};
   hints.ai_family = AF_UNSPEC;
@@ -149,6 +144,24 @@ int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std:
                       status);
   }
   return fail_store(std::string("loading ") + title + " '" + name + "' failed", status);
+}
+
+void answer_client(ssl_obj_hdl_t hdl, const std::string& line) {
+  constexpr int kClientFirstWaitMs = 1000;  // a client that speaks first does so at once
+  std::string request;
+  char buf[1024];
+  for (int n; request.size() < 8192 && request.find("\r\n\r\n") == std::string::npos &&
+              ssl_conn_await_peer(hdl, kClientFirstWaitMs) == 0 &&
+              (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
+    request.append(buf, static_cast<size_t>(n));
+  }
+  std::string reply = line + "\n";
+  if (request.compare(0, 4, "GET ") == 0 || request.compare(0, 5, "HEAD ") == 0 ||
+      request.compare(0, 5, "POST ") == 0) {
+    reply = "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(reply.size()) +
+            "\r\nConnection: close\r\n\r\n" + reply;
+  }
+  (void)ssl_conn_write(hdl, reply.data(), static_cast<int>(reply.size()));
 }
 
 std::string verify_phrase(long verify_result) {

@@ -48,8 +48,6 @@ class Socket {
 bool parse_port(const std::string& text, int* port, std::string* why);
 // Splits "host:port" or "[v6addr]:port". False with the reason in *why.
 bool split_host_port(const std::string& text, std::string* host, std::string* port, std::string* why);
-// True when `host` is an IPv4 or IPv6 address literal rather than a name.
-bool is_ip_literal(const std::string& host);
 // A TCP connection to host:port; an invalid Socket and the reason in *why on failure.
 Socket tcp_connect(const std::string& host, const std::string& port, std::string* why);
 // A listening TCP socket on `address` ("0.0.0.0", "127.0.0.1") and `port` (0: any free
@@ -59,6 +57,10 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
 // Loads a stored credential onto the object. Returns kExitOk, or prints the failure line
 // (with the store's status) and returns kExitFailed.
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name);
+
+// Sends the client one line of text: as an HTTP response when the client spoke HTTP first
+// (curl), else as it is (openssl s_client).
+void answer_client(ssl_obj_hdl_t hdl, const std::string& line);
 
 // How the peer's certificate chain was judged, as a phrase: "ok", "failed: <reason>".
 std::string verify_phrase(long verify_result);

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "cli_keys.h"
 #include "cli_names.h"
@@ -11,23 +12,38 @@
 #include "commands.h"
 
 namespace kora::cli {
-int run_connect(const Args& args) {
-  if (args.positional.size() != 1) {
-    return usage_error("connect needs HOST:PORT");
+namespace {
+
+// How long a TLS 1.3 client waits for the server's verdict on its certificate.
+constexpr int kVerdictWaitMs = 3000;
+
+// The part of the failure line that says why, from what the peer sent and the verification.
+std::string failure_reason(const ssl_conn_info_t& info, bool verified, const std::string& verification) {
+  if (verified && info.verify_result != X509_V_OK) {
+    return ": server certificate " + verification;
   }
-  std::string host;
-  std::string port;
-  std::string why;
-  if (!split_host_port(args.positional[0], &host, &port, &why)) {
-    return usage_error(why);
+  if (info.peer_alert[0] != '\0') {
+    return std::string(": the server sent alert '") + info.peer_alert + "'";
   }
+  return "";
+}
+
+int check_options(const Args& args, const std::string& host) {
   if (args.has("--tls1.2") && args.has("--tls1.3")) {
     return usage_error("--tls1.2 and --tls1.3 exclude each other");
   }
   const bool psk = args.has("--psk");
-  if (psk && (args.has("--cert") || args.has("--ca"))) {
+  if (psk && (args.has("--cert") || args.has("--ca") || args.has("--insecure"))) {
     return usage_error(
-        "--psk cannot be combined with --cert or --ca: one SSL object holds either a PSK table or certificates");
+        "--psk cannot be combined with --cert, --ca or --insecure: one SSL object holds either a PSK table or "
+        "certificates");
+  }
+  if (args.has("--psk-identity") && !psk) {
+    return usage_error("--psk-identity chooses an entry of the table given with --psk");
+  }
+  if (!psk && args.has("--ca") == args.has("--insecure")) {
+    return usage_error(args.has("--ca") ? "--ca and --insecure exclude each other"
+                                        : "give --ca NAME to verify " + host + ", or --insecure to skip it");
   }
   for (const char* option : {"--cert", "--ca", "--psk"}) {
     if (args.has(option)) {
@@ -37,70 +53,111 @@ int run_connect(const Args& args) {
       }
     }
   }
+  return kExitOk;
+}
+
+int load_credentials(const Args& args, ssl_obj_hdl_t hdl) {
+  for (const auto& [option, type] :
+       {std::pair{"--cert", KORA_NET_SSL_CERTIFICATE_E}, std::pair{"--ca", KORA_NET_SSL_CA_LIST_E},
+        std::pair{"--psk", KORA_NET_SSL_PSK_TABLE_E}}) {
+    if (args.has(option)) {
+      if (const int rc = load_credential(hdl, type, args.value(option)); rc != kExitOk) {
+        return rc;
+      }
+    }
+  }
+  return kExitOk;
+}
+
+int configure(const Args& args, ssl_obj_hdl_t hdl, const std::string& host) {
+  const int version = args.has("--tls1.2") ? TLS1_2_VERSION : args.has("--tls1.3") ? TLS1_3_VERSION : 0;
+  if (version != 0 && ssl_obj_set_protocol_bounds(hdl, version, version) != 0) {
+    return fail("setting the protocol version failed");
+  }
+  if (ssl_obj_set_verify(hdl, args.has("--ca") ? SSL_VERIFY_PEER : SSL_VERIFY_NONE) != 0) {
+    return fail("setting the verification mode failed");
+  }
+  // Sent as server name and, when verifying, required in the certificate (an address as an
+  // IP address of it).
+  if (ssl_obj_set_server_name(hdl, host.c_str()) != 0) {
+    return fail("setting the server name '" + host + "' failed");
+  }
+  if (args.has("--psk") && ssl_obj_set_ciphers(hdl, kPskTls12Ciphers, kPskTls13Suites) != 0) {
+    return fail("selecting the PSK cipher suites failed");
+  }
+  if (args.has("--psk-identity") &&
+      ssl_obj_set_psk_identity(hdl, args.value("--psk-identity").c_str()) != 0) {
+    return usage_error("--psk-identity '" + args.value("--psk-identity") + "' is longer than 255 characters");
+  }
+  return load_credentials(args, hdl);
+}
+
+}  // namespace
+
+int run_connect(const Args& args) {
+  if (args.positional.size() != 1) {
+    return usage_error("connect needs HOST:PORT");
+  }
+  const std::string& target = args.positional[0];
+  std::string host;
+  std::string port;
+  std::string why;
+  if (!split_host_port(target, &host, &port, &why)) {
+    return usage_error(why);
+  }
+  if (const int rc = check_options(args, host); rc != kExitOk) {
+    return rc;
+  }
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
-
   SslObject obj;
   if (const int rc = obj.create(SSL_OBJ_ROLE_CLIENT); rc != 0) {
     return fail_store("creating a client SSL object failed", rc);
   }
-  const int version = args.has("--tls1.2") ? TLS1_2_VERSION : args.has("--tls1.3") ? TLS1_3_VERSION : 0;
-  if (version != 0 && ssl_obj_set_protocol_bounds(obj.hdl(), version, version) != 0) {
-    return fail("setting the protocol version failed");
+  if (const int rc = configure(args, obj.hdl(), host); rc != kExitOk) {
+    return rc;
   }
-  const bool verify = args.has("--ca");
-  if (ssl_obj_set_verify(obj.hdl(), verify ? SSL_VERIFY_PEER : SSL_VERIFY_NONE) != 0) {
-    return fail("setting the verification mode failed");
-  }
-  // A host name is sent as server name and, when verifying, must be in the certificate.
-  if (!is_ip_literal(host) && ssl_obj_set_server_name(obj.hdl(), host.c_str()) != 0) {
-    return fail("setting the server name '" + host + "' failed");
-  }
-  if (psk && ssl_obj_set_ciphers(obj.hdl(), kPskTls12Ciphers, kPskTls13Suites) != 0) {
-    return fail("selecting the PSK cipher suites failed");
-  }
-  if (args.has("--cert")) {
-    if (const int rc = load_credential(obj.hdl(), KORA_NET_SSL_CERTIFICATE_E, args.value("--cert"));
-        rc != kExitOk) {
-      return rc;
-    }
-  }
-  if (args.has("--ca")) {
-    if (const int rc = load_credential(obj.hdl(), KORA_NET_SSL_CA_LIST_E, args.value("--ca"));
-        rc != kExitOk) {
-      return rc;
-    }
-  }
-  if (psk) {
-    if (const int rc = load_credential(obj.hdl(), KORA_NET_SSL_PSK_TABLE_E, args.value("--psk"));
-        rc != kExitOk) {
-      return rc;
-    }
-  }
-
   Socket sock = tcp_connect(host, port, &why);
   if (sock.fd() < 0) {
     return fail(why);
   }
+  const bool psk = args.has("--psk");
+  const bool verified = args.has("--ca");
   diag_clear();
   const int rc = ssl_conn_open(obj.hdl(), sock.fd());
+  // Under TLS 1.3 the server judges our certificate after our side of the handshake ended.
   ssl_conn_info_t info{};
-  const bool have_info = ssl_conn_get_info(obj.hdl(), &info) == 0;
-  std::string verification = psk      ? "not applicable (PSK)"
-                             : verify ? verify_phrase(info.verify_result)
-                                      : "not checked (no --ca given)";
+  const bool tls13 = ssl_conn_get_info(obj.hdl(), &info) == 0 && std::string(info.protocol) == "TLSv1.3";
+  const int verdict = rc == 0 && tls13 && !psk ? ssl_conn_await_peer(obj.hdl(), kVerdictWaitMs) : 0;
+  (void)ssl_conn_get_info(obj.hdl(), &info);
+  const std::string verification = psk        ? "not applicable (PSK)"
+                                   : verified ? verify_phrase(info.verify_result)
+                                              : "none: --insecure, the server's certificate was not checked";
+  if (rc == 0 && verdict < 0) {
+    (void)ssl_conn_close(obj.hdl());
+    return fail("the server " + target + " refused our client certificate after the handshake (alert '" +
+                info.peer_alert + "')");
+  }
   if (rc != 0) {
-    std::string line = "TLS handshake with " + args.positional[0] + " failed";
-    if (have_info && verify && info.verify_result != X509_V_OK) {
-      line += ": server certificate " + verification;
+    std::string line =
+        "TLS handshake with " + target + " failed" + failure_reason(info, verified, verification);
+    if (psk && !args.has("--psk-identity")) {
+      line +=
+          " (the server's PSK hint chooses the table entry; give --psk-identity ID to choose it yourself)";
     }
     const int result = fail_store(line, rc);
     (void)ssl_conn_close(obj.hdl());
     return result;
   }
-  std::printf("connected to %s\n", args.positional[0].c_str());
+  std::printf("connected to %s\n", target.c_str());
   print_conn_info(stdout, info, verification);
+  if (verdict == 1) {
+    std::printf("  server verdict: none within %d s (the server sent nothing)\n", kVerdictWaitMs / 1000);
+  }
+  if (!psk && !verified) {
+    (void)std::fprintf(stderr, "kora-ssl-store connect: warning: nothing was verified (--insecure)\n");
+  }
   (void)ssl_conn_shutdown(obj.hdl());
   (void)ssl_conn_close(obj.hdl());
   return kExitOk;

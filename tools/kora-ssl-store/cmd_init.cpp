@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cli_keys.h"
+#include "cli_km.h"
 #include "cli_report.h"
 #include "commands.h"
 #include "kora_net_ssl.h"
@@ -21,14 +22,17 @@ int run_init(const Args& args) {
     return fail(std::string("the data root ") + kDataRoot +
                 " does not exist; create it (or mount the data partition) first");
   }
-  const bool had_key_blob = ::stat(kKeyBlobFile, &st) == 0;
+  bool had_key_blob = ::stat(kKeyBlobFile, &st) == 0;
+  if (const int rc = prepare_root_key(args.has("--force-new-key"), &had_key_blob); rc != kExitOk) {
+    return rc;
+  }
   const int status = run_store_init_quietly();
   if (status != KORA_OK) {
     return fail_store("initialising the store failed", status);
   }
   std::printf("store ready at %s (%s)\n", kStoreRoot,
               had_key_blob ? "existing key material loaded" : "new key material provisioned");
-  return kExitOk;
+  return probe_key_material();
 }
 
 }  // namespace kora::cli

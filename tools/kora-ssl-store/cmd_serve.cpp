@@ -83,6 +83,8 @@ int run_serve(const Args& args) {
       std::printf("client connected\n");
       print_conn_info(stdout, info, verification);
       (void)std::fflush(stdout);
+      answer_client(obj.hdl(), std::string("hello from kora-ssl-store serve (") + info.protocol + ", " +
+                                   info.cipher + ")");
       (void)ssl_conn_shutdown(obj.hdl());
     }
     (void)ssl_conn_close(obj.hdl());

@@ -9,13 +9,19 @@ const std::vector<Command>& command_table() {
   static const std::vector<Command> table = {
       {"init",
        "create the store tree and provision its key material",
-       "usage: kora-ssl-store init [-v]\n"
+       "usage: kora-ssl-store init [--force-new-key] [-v]\n"
        "\n"
        "Creates the store's directory tree under /data/data_velto/.ssl/ and, on first use,\n"
        "has the key service make the key blob and nonce that seal every credential. Run it\n"
        "again at any time: existing directories and key material are kept.\n"
-       "The data root /data/data_velto/ must exist.\n",
-       {},
+       "The data root /data/data_velto/ must exist.\n"
+       "It says which root key is used (a file, or a PKCS#11 token key when\n"
+       "KORA_KM_PKCS11_URI is set; made when missing) and proves the key material works by\n"
+       "sealing and opening a probe. A missing root key is not made again while the store\n"
+       "has a key blob.\n"
+       "  --force-new-key  start over: new root key and key blob; every stored credential\n"
+       "                   becomes unreadable\n",
+       {{}, {"--force-new-key"}},
        &run_init},
       {"put",
        "store a certificate with its key, a CA list, a DI certificate or a PSK table",
@@ -61,24 +67,33 @@ const std::vector<Command>& command_table() {
        &run_der2pem},
       {"connect",
        "TLS handshake to a server with stored credentials",
-       "usage: kora-ssl-store connect HOST:PORT [--cert NAME] [--ca NAME] [--psk NAME]\n"
+       "usage: kora-ssl-store connect HOST:PORT [--cert NAME] (--ca NAME | --insecure)\n"
        "                              [--tls1.2|--tls1.3]\n"
+       "       kora-ssl-store connect HOST:PORT --psk NAME [--psk-identity ID] [--tls1.2|--tls1.3]\n"
        "\n"
        "Opens a TCP connection, loads the named credentials from the store onto a client\n"
        "SSL object and runs the handshake. Prints the protocol, cipher, peer subject and\n"
-       "the verification result. --ca makes the server's certificate required and\n"
-       "verified; --cert offers a client certificate; --psk uses a stored PSK table\n"
-       "(not together with --cert or --ca). With TLS 1.3, PSK works only with\n"
-       "SHA-256 cipher suites.\n",
-       {{"--cert", "--ca", "--psk"}, {"--tls1.2", "--tls1.3"}},
+       "the verification result.\n"
+       "  --ca        verify the server's certificate with a stored CA list; HOST (a name or\n"
+       "              an IP address) must be in it\n"
+       "  --insecure  do not verify the server (nothing is then verified)\n"
+       "  --cert      offer a stored client certificate, with the chain stored after it; under\n"
+       "              TLS 1.3 connect waits up to 3 s for the server's verdict on it\n"
+       "  --psk       use a stored PSK table (not with --cert, --ca, --insecure). Under TLS 1.2\n"
+       "              the server's identity hint chooses the entry, under TLS 1.3 the first\n"
+       "              entry is offered; --psk-identity ID chooses the entry instead\n"
+       "With TLS 1.3, PSK works only with SHA-256 cipher suites.\n",
+       {{"--cert", "--ca", "--psk", "--psk-identity"}, {"--tls1.2", "--tls1.3", "--insecure"}},
        &run_connect},
       {"serve",
        "accept TLS connections with a stored certificate",
        "usage: kora-ssl-store serve PORT --cert NAME [--ca NAME] [--once]\n"
        "\n"
        "Listens on PORT (all addresses), loads the named certificate and key onto a server\n"
-       "SSL object and prints the outcome of each handshake. --ca requires and verifies a\n"
-       "client certificate. --once stops after the first connection.\n",
+       "SSL object (with the chain stored after it) and prints the outcome of each\n"
+       "handshake. Each client then gets one line of text (an HTTP response when it sent an\n"
+       "HTTP request, so curl shows it). --ca requires and verifies a client certificate.\n"
+       "--once stops after the first connection.\n",
        {{"--cert", "--ca"}, {"--once"}},
        &run_serve},
       {"demo",

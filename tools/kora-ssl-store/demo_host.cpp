@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "cli_keys.h"
-#include "host_km.h"
+#include "kora_host_km.h"
 #include "ssl_store.h"
 
 namespace kora::cli {
@@ -61,11 +61,10 @@ bool DemoHost::prepare(std::string* why) {
   }
   // The key service makes its root key on first use. A host without one gets a temporary
   // root key for this run, removed afterwards, so no key file stays behind.
-  if (!exists(kora::km::root_key_path())) {
+  if (std::strcmp(kora_km_backend(), "file") == 0 && !exists(kora_km_root_key())) {
     if (exists(kKeyBlobFile)) {
       // A key blob opens only under the root key it was wrapped with.
-      *why = std::string("the store has a key blob but the key service's root key ") +
-             kora::km::root_key_path() +
+      *why = std::string("the store has a key blob but the key service's root key ") + kora_km_root_key() +
              " is missing: its credentials cannot be opened on this host (set KORA_KM_ROOT_KEY?)";
       restore();
       return false;

@@ -3,11 +3,21 @@
 // The handshake and the I/O run without ssl_mutex: a handshake waits on the network and calls
 // the store's PSK callback, and neither may hold up the store. The lock covers only the
 // attach and detach of the connection in the table.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <glib.h>
+#include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
 
 #include "ossl_ptr.h"
+#include "ssl_store.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
@@ -21,6 +31,52 @@ uint32_t g_last_conn = 0;  // changed under ssl_mutex only
 SSL* connection_of(ssl_obj_hdl_t hdl) {
   const int index = find_slot(hdl);
   return index < 0 ? nullptr : slot_at(index).ssl.load(std::memory_order_acquire);
+}
+
+bool is_ip_literal(const char* host) {
+  unsigned char addr[sizeof(struct in6_addr)];
+  return inet_pton(AF_INET, host, addr) == 1 || inet_pton(AF_INET6, host, addr) == 1;
+}
+
+// A host name goes out as SNI and must be a DNS name of the server's certificate; an address
+// is not sent (SNI carries names only) and must be one of its IP addresses.
+bool expect_server(SSL* ssl, const char* name) {
+  if (is_ip_literal(name)) {
+    return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name) == 1;
+  }
+  return SSL_set_tlsext_host_name(ssl, name) == 1 && SSL_set1_host(ssl, name) == 1;
+}
+
+// Keeps the last alert the peer sent (other than a close notification) in its slot, whose
+// field the connection carries as its application data.
+void note_peer_alert(const SSL* ssl, int where, int value) {
+  if ((where & SSL_CB_READ_ALERT) == 0 || (value & 0xff) == SSL_AD_CLOSE_NOTIFY) {
+    return;
+  }
+  auto* alert = static_cast<char*>(SSL_get_app_data(ssl));
+  if (alert == nullptr) {
+    return;
+  }
+  // OpenSSL has no text for the alert TLS 1.3 added for a missing client certificate.
+  const std::string text = (value & 0xff) == TLS13_AD_CERTIFICATE_REQUIRED
+                               ? "certificate required"
+                               : SSL_alert_desc_string_long(value);
+  (void)g_strlcpy(alert, text == "unknown" ? ("alert " + std::to_string(value & 0xff)).c_str() : text.c_str(),
+                  sizeof Slot{}.peer_alert);
+}
+
+// The client's PSK callback when an identity was chosen: the store's callback, asked for that
+// identity in place of the server's hint.
+unsigned int psk_by_identity(SSL* ssl, const char* hint, char* identity, unsigned int max_identity_len,
+                             unsigned char* psk, unsigned int max_psk_len) {
+  int index = -1;
+  if (utility_get_ssl_ctxt(SSL_get_SSL_CTX(ssl), &index) != 0) {
+    return 0;
+  }
+  const char* chosen = slot_at(index).psk_identity;
+  UTIL_LOG_HIGH("PSK identity '%s' chosen over the server's hint '%s'\n", chosen,
+                hint != nullptr ? hint : "");
+  return psk_client_cb(ssl, chosen, identity, max_identity_len, psk, max_psk_len);
 }
 
 // Creates the connection of slot `index` over fd. Called under ssl_mutex.
@@ -37,11 +93,16 @@ int attach(int index, int fd, SSL** out) {
     log_ssl_internal_error_impl(__func__, __LINE__);
     return -1;
   }
+  slot.peer_alert[0] = '\0';
+  (void)SSL_set_app_data(ssl.get(), slot.peer_alert);
+  SSL_set_info_callback(ssl.get(), note_peer_alert);
   if (slot.role == SSL_OBJ_ROLE_CLIENT) {
-    if (slot.server_name[0] != '\0' && (SSL_set_tlsext_host_name(ssl.get(), slot.server_name) != 1 ||
-                                        SSL_set1_host(ssl.get(), slot.server_name) != 1)) {
+    if (slot.server_name[0] != '\0' && !expect_server(ssl.get(), slot.server_name)) {
       log_ssl_internal_error_impl(__func__, __LINE__);
       return -1;
+    }
+    if (slot.psk_identity[0] != '\0') {
+      SSL_set_psk_client_callback(ssl.get(), psk_by_identity);
     }
     offer_saved_session(index, ssl.get());
   }
@@ -136,6 +197,63 @@ int conn_write(ssl_obj_hdl_t hdl, const void* buf, int len) {
   return -1;
 }
 
+// Restores a descriptor's blocking mode when it goes.
+class NonBlocking {
+ public:
+  explicit NonBlocking(int fd) : fd_(fd), flags_(::fcntl(fd, F_GETFL)) {
+    ok_ = flags_ >= 0 && ::fcntl(fd, F_SETFL, flags_ | O_NONBLOCK) == 0;
+  }
+  ~NonBlocking() {
+    if (ok_) {
+      (void)::fcntl(fd_, F_SETFL, flags_);
+    }
+  }
+  NonBlocking(const NonBlocking&) = delete;
+  NonBlocking& operator=(const NonBlocking&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  int fd_;
+  int flags_;
+  bool ok_ = false;
+};
+
+int await_peer(ssl_obj_hdl_t hdl, int timeout_ms) {
+  SSL* ssl = connection_of(hdl);
+  if (ssl == nullptr || timeout_ms < 0) {
+    return -2;
+  }
+  const int fd = SSL_get_rfd(ssl);
+  const NonBlocking nonblocking(fd);
+  if (!nonblocking.ok()) {
+    return -1;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    ERR_clear_error();
+    char byte;
+    const int n = SSL_peek(ssl, &byte, 1);  // data stays for the next read
+    if (n > 0) {
+      return 0;
+    }
+    if (SSL_get_error(ssl, n) != SSL_ERROR_WANT_READ) {
+      log_ssl_internal_error_impl(__func__, __LINE__);
+      return -1;
+    }
+    // A TLS 1.3 server sends its tickets once it has accepted the client's last flight.
+    if (SSL_is_server(ssl) == 0 && SSL_SESSION_is_resumable(SSL_get0_session(ssl)) == 1) {
+      return 0;
+    }
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd pfd{fd, POLLIN, 0};
+    const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
+    if (ready == 0 || (ready < 0 && errno != EINTR)) {
+      return 1;
+    }
+  }
+}
+
 int conn_shutdown(ssl_obj_hdl_t hdl) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr) {
@@ -180,6 +298,8 @@ int conn_info(ssl_obj_hdl_t hdl, ssl_conn_info_t* out) {
   }
   out->verify_result = SSL_get_verify_result(ssl);
   out->session_reused = SSL_session_reused(ssl) == 1 ? 1 : 0;
+  const auto* alert = static_cast<const char*>(SSL_get_app_data(ssl));
+  (void)g_strlcpy(out->peer_alert, alert != nullptr ? alert : "", sizeof out->peer_alert);
   return 0;
 }
 
@@ -195,6 +315,8 @@ int ssl_conn_read(ssl_obj_hdl_t hdl, void* buf, int len) { return kora::util::co
 int ssl_conn_write(ssl_obj_hdl_t hdl, const void* buf, int len) {
   return kora::util::conn_write(hdl, buf, len);
 }
+
+int ssl_conn_await_peer(ssl_obj_hdl_t hdl, int timeout_ms) { return kora::util::await_peer(hdl, timeout_ms); }
 
 int ssl_conn_shutdown(ssl_obj_hdl_t hdl) { return kora::util::conn_shutdown(hdl); }
 

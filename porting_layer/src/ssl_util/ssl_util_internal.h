@@ -8,8 +8,11 @@
 
 #include <openssl/ssl.h>
 
+#include <openssl/crypto.h>
+
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 
 #include "ssl_util.h"
 
@@ -20,7 +23,25 @@ struct Slot {
   std::atomic<SSL_CTX*> ctx{nullptr};
   std::atomic<SSL*> ssl{nullptr};  // the open connection, if any
   ssl_obj_role_t role = SSL_OBJ_ROLE_CLIENT;
-  char server_name[256] = {};  // a client's SNI and expected host name; "" for none
+  char server_name[256] = {};   // a client's SNI and expected host name or address; "" for none
+  char psk_identity[256] = {};  // a client's chosen PSK table entry; "" lets the server's hint choose
+  char peer_alert[64] = {};     // the last alert the peer sent on the connection, "" for none
+};
+
+// The plain bytes of a sealed file as the store's read call hands them out (malloc'd), wiped and
+// freed when this goes.
+struct StoredFile {
+  void* ptr = nullptr;
+  size_t size = 0;
+  StoredFile() = default;
+  StoredFile(const StoredFile&) = delete;
+  StoredFile& operator=(const StoredFile&) = delete;
+  ~StoredFile() {
+    if (ptr != nullptr) {
+      OPENSSL_cleanse(ptr, size);
+      std::free(ptr);
+    }
+  }
 };
 
 // The slot of each record of g_ssl_ctxt, same index.
@@ -32,5 +53,9 @@ int find_slot(ssl_obj_hdl_t hdl);
 // Client side, under ssl_mutex: hands the session marked in the record's `sess` to a new
 // connection, unless its files are missing or it has expired.
 void offer_saved_session(int index, SSL* ssl);
+
+// Under ssl_mutex, when a credential `name` was loaded on the context of slot `index`: adds the
+// intermediates stored after the leaf in its certificate file as the chain of the certificate.
+void attach_stored_chain(int index, SSL_CTX* ctx, const char* name);
 
 }  // namespace kora::util

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <vector>
@@ -211,21 +210,14 @@ void offer_saved_session(int index, SSL* ssl) {
     UTIL_LOG_HIGH("Saved session expired, full handshake\n");
     return;
   }
-  void* plain = nullptr;
-  size_t plain_size = 0;
-  if (ssl_store_cert_read_decrypt_from_file(session_file, &plain, &plain_size) != 0 ||
-      plain_size > static_cast<size_t>(kMaxSessionFileSize)) {
+  StoredFile plain;  // the session's master secret
+  if (ssl_store_cert_read_decrypt_from_file(session_file, &plain.ptr, &plain.size) != 0 ||
+      plain.size > static_cast<size_t>(kMaxSessionFileSize)) {
     UTIL_LOG_HIGH("Saved session not usable, full handshake\n");
-    if (plain != nullptr) {
-      OPENSSL_cleanse(plain, plain_size);
-      std::free(plain);
-    }
     return;
   }
-  const auto* cursor = static_cast<const uint8_t*>(plain);
-  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(plain_size)));
-  OPENSSL_cleanse(plain, plain_size);
-  std::free(plain);
+  const auto* cursor = static_cast<const uint8_t*>(plain.ptr);
+  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(plain.size)));
   if (!session || SSL_set_session(ssl, session.get()) != 1) {
     UTIL_LOG_ERROR("Saved session could not be decoded\n");
     log_ssl_internal_error_impl(__func__, __LINE__);

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "ossl_ptr.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
@@ -40,7 +41,43 @@ int set_protocol_bounds(ssl_obj_hdl_t hdl, int min_version, int max_version) {
   return status;
 }
 
+// True when every name of a TLS 1.3 suite list is a suite OpenSSL knows. OpenSSL itself skips
+// unknown names, so a typing error would silently leave fewer suites than asked for, or none.
+bool suites_known(SSL_CTX* probe, const char* suites) {
+  if (SSL_CTX_set_ciphersuites(probe, suites) != 1) {
+    return false;
+  }
+  const STACK_OF(SSL_CIPHER)* applied = SSL_CTX_get_ciphers(probe);
+  gchar** names = g_strsplit(suites, ":", -1);
+  bool known = true;
+  for (gchar** name = names; known && *name != nullptr; ++name) {
+    bool found = **name == '\0';
+    for (int i = 0; !found && i < sk_SSL_CIPHER_num(applied); ++i) {
+      found = std::strcmp(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(applied, i)), *name) == 0;
+    }
+    known = found;
+  }
+  g_strfreev(names);
+  return known;
+}
+
 int set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_suites) {
+  // Both values are tried on a scratch context first, so a refused one changes nothing.
+  SslCtxPtr probe(SSL_CTX_new(TLS_method()));
+  if (!probe) {
+    log_ssl_internal_error_impl(__func__, __LINE__);
+    return -1;
+  }
+  if (tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(probe.get(), tls12_ciphers) != 1) {
+    UTIL_LOG_ERROR("ssl_obj_set_ciphers: cipher list refused: %s\n", tls12_ciphers);
+    log_ssl_internal_error_impl(__func__, __LINE__);
+    return -1;
+  }
+  if (tls13_suites != nullptr && !suites_known(probe.get(), tls13_suites)) {
+    UTIL_LOG_ERROR("ssl_obj_set_ciphers: TLS 1.3 suites refused: %s\n", tls13_suites);
+    log_ssl_internal_error_impl(__func__, __LINE__);
+    return -1;
+  }
   ivra_mutex_lock(&ssl_mutex);
   const int index = find_slot(hdl);
   if (index < 0) {
@@ -50,13 +87,8 @@ int set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_
   }
   SSL_CTX* ctx = slot_at(index).ctx.load();
   int status = 0;
-  if (tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1) {
-    UTIL_LOG_ERROR("ssl_obj_set_ciphers: cipher list refused: %s\n", tls12_ciphers);
-    log_ssl_internal_error_impl(__func__, __LINE__);
-    status = -1;
-  }
-  if (status == 0 && tls13_suites != nullptr && SSL_CTX_set_ciphersuites(ctx, tls13_suites) != 1) {
-    UTIL_LOG_ERROR("ssl_obj_set_ciphers: TLS 1.3 suites refused: %s\n", tls13_suites);
+  if ((tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1) ||
+      (tls13_suites != nullptr && SSL_CTX_set_ciphersuites(ctx, tls13_suites) != 1)) {
     log_ssl_internal_error_impl(__func__, __LINE__);
     status = -1;
   }
@@ -81,20 +113,22 @@ int set_verify(ssl_obj_hdl_t hdl, int mode) {
   return 0;
 }
 
-int set_server_name(ssl_obj_hdl_t hdl, const char* name) {
-  const char* value = name != nullptr ? name : "";
-  if (std::strlen(value) >= sizeof Slot{}.server_name) {
-    UTIL_LOG_ERROR("ssl_obj_set_server_name: server name too long\n");
+// Copies `value` (null: "") into the slot field chosen by `field`; -2 when too long or unknown.
+int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), size_t size,
+                  const char* call) {
+  const char* text = value != nullptr ? value : "";
+  if (std::strlen(text) >= size) {
+    UTIL_LOG_ERROR("%s: value too long\n", call);
     return -2;
   }
   ivra_mutex_lock(&ssl_mutex);
   const int index = find_slot(hdl);
   if (index < 0) {
     ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_obj_set_server_name: unknown handle %u\n", hdl);
+    UTIL_LOG_ERROR("%s: unknown handle %u\n", call, hdl);
     return -2;
   }
-  (void)g_strlcpy(slot_at(index).server_name, value, sizeof slot_at(index).server_name);
+  (void)g_strlcpy(field(slot_at(index)), text, size);
   ivra_mutex_unlock(&ssl_mutex);
   return 0;
 }
@@ -115,7 +149,15 @@ int ssl_obj_set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char
 int ssl_obj_set_verify(ssl_obj_hdl_t hdl, int mode) { return kora::util::set_verify(hdl, mode); }
 
 int ssl_obj_set_server_name(ssl_obj_hdl_t hdl, const char* name) {
-  return kora::util::set_server_name(hdl, name);
+  return kora::util::set_slot_text(
+      hdl, name, [](kora::util::Slot& s) { return s.server_name; }, sizeof kora::util::Slot{}.server_name,
+      "ssl_obj_set_server_name");
+}
+
+int ssl_obj_set_psk_identity(ssl_obj_hdl_t hdl, const char* identity) {
+  return kora::util::set_slot_text(
+      hdl, identity, [](kora::util::Slot& s) { return s.psk_identity; },
+      sizeof kora::util::Slot{}.psk_identity, "ssl_obj_set_psk_identity");
 }
 
 }  // extern "C"

@@ -94,6 +94,8 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
   Slot& slot = g_slots[index];
   slot.role = role;
   slot.server_name[0] = '\0';
+  slot.psk_identity[0] = '\0';
+  slot.peer_alert[0] = '\0';
   slot.ssl.store(nullptr, std::memory_order_relaxed);
   slot.ctx.store(ctx.release(), std::memory_order_relaxed);  // owned by the slot until free
   slot.handle.store(handle, std::memory_order_release);
@@ -156,6 +158,7 @@ int SSL_set_cert_info(SSL_CTX* ctx, const char* name) {
     return -1;
   }
   (void)g_strlcpy(g_ssl_ctxt[index].cert, name, sizeof g_ssl_ctxt[index].cert);
+  kora::util::attach_stored_chain(index, ctx, name);
   return 0;
 }
 
