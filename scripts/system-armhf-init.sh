@@ -31,7 +31,7 @@ for mod in $modules; do
   insmod "/kora/modules/$mod.ko" $args || { say "insmod $mod failed"; status=1; }
 done
 
-# flash_up FS: an empty file system of that kind mounted at MOUNT_POINT (default /flash).
+# flash_up FS [AT]: an empty file system of that kind mounted at AT (default /flash).
 flash_up() {
   at=${2:-/flash}
   case $1 in
@@ -43,6 +43,7 @@ flash_up() {
   esac
 }
 
+# flash_down FS [AT]: unmounts it and detaches UBI.
 flash_down() {
   case $1 in
     ubifs) umount "${2:-/flash}" && ubidetach -m 0 ;;

@@ -87,7 +87,11 @@ fetch_packages || skip "the guest's armhf packages cannot be downloaded; see $GU
 
 STAGE=$GUEST/root
 rm -rf "$STAGE"
-mkdir -p "$STAGE"/{bin,sbin,dev,proc,sys,tmp,data,flash,kora/modules,lib/$TRIPLE}
+mkdir -p "$STAGE"/{bin,sbin,dev,etc,proc,sys,tmp,data,flash,kora/modules,lib/$TRIPLE}
+# The users and groups a device has: root, and nobody for the cases that hand a file to
+# another user.
+printf 'root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n' >"$STAGE/etc/passwd"
+printf 'root:x:0:\nnogroup:x:65534:\n' >"$STAGE/etc/group"
 
 # Copies an ARM program or library to the same path in the guest, without debug sections.
 put_elf() {
