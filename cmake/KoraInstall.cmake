@@ -6,10 +6,9 @@ include(CMakePackageConfigHelpers)
 set(KORA_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kora)
 set(KORA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoraSslStore)
 
-# The object layer and the host services link the private header target; for static
-# archives CMake records that link in the export, so the target is exported too. It carries
-# nothing outside the build tree (its include directory is a build-interface one).
-install(TARGETS kora_ssl_store kora_ssl_util kora_platform_host kora_internal_headers
+# The private header and log targets are linked as build-interface only: neither is installed
+# nor named in the export.
+install(TARGETS kora_ssl_store kora_ssl_util kora_platform_host
   EXPORT KoraSslStoreTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -3,6 +3,8 @@
 # time, then prints its executions and corpus size:
 #   fuzz_psk_parser  the PSK text parser (seeds in fuzz/corpus/psk)
 #   fuzz_km_unseal   the host key service's unseal (seeds in fuzz/corpus/km)
+#   fuzz_der_pem     the DER/PEM classifier with the certificate and key decoders
+#                    (seeds in fuzz/corpus/der_pem)
 # Usage: fuzz/run.sh [seconds per target]   (default 60)
 # KORA_FUZZ_BUILD_DIR overrides the build directory (default <repo>/build-fuzz),
 # KORA_FUZZ_CORPUS_DIR the working corpora (default <repo>/fuzz/corpus-run; one directory per
@@ -18,10 +20,10 @@ flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefin
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DKORA_BUILD_FUZZ=ON -DKORA_BUILD_TESTS=OFF -DKORA_BUILD_TOOLS=OFF \
   -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
-cmake --build "$build" -j2 --target fuzz_psk_parser fuzz_km_unseal >/dev/null
+cmake --build "$build" -j2 --target fuzz_psk_parser fuzz_km_unseal fuzz_der_pem >/dev/null
 
 status=0
-for spec in fuzz_psk_parser:psk:4096 fuzz_km_unseal:km:8192; do
+for spec in fuzz_psk_parser:psk:4096 fuzz_km_unseal:km:8192 fuzz_der_pem:der_pem:4096; do
   target=${spec%%:*}
   rest=${spec#*:}
   seeds=$root/fuzz/corpus/${rest%%:*}

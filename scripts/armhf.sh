@@ -24,7 +24,7 @@ MODE=${KORA_ARMHF_MODE:-}
 # What the sysroot holds: the libraries the project links and everything they need at run
 # time, the C library included.
 SYSROOT_PACKAGES="libc6 libc6-dev linux-libc-dev libcrypt1 libcrypt-dev libgcc-s1 libstdc++6 gcc-12-base
-  libssl3 libssl-dev libglib2.0-0 libglib2.0-dev libpcre2-8-0 libpcre2-16-0 libpcre2-32-0 libpcre2-posix3
+  libssl3 libssl-dev libglib2.0-0 libglib2.0-dev libjson-glib-1.0-0 libjson-glib-dev libpcre2-8-0 libpcre2-16-0 libpcre2-32-0 libpcre2-posix3
   libpcre2-dev libffi8 libffi-dev libmount1 libmount-dev libblkid1 libblkid-dev libselinux1 libselinux1-dev
   libsepol2 libsepol-dev zlib1g zlib1g-dev libuuid1 uuid-dev libgtest-dev libgmock-dev libp11-kit0 libp11-kit-dev"
 

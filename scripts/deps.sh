@@ -5,7 +5,7 @@
 #   scripts/deps.sh [SET...]
 #
 # Sets (default: build):
-#   build     compiler, CMake, OpenSSL, GLib, p11-kit, GoogleTest/GoogleMock, the openssl tool,
+#   build     compiler, CMake, OpenSSL, GLib, json-glib, p11-kit, GoogleTest/GoogleMock, the openssl tool,
 #             SoftHSM2 (the token the key service's PKCS#11 backend is tested on)
 #   analysis  clang-format, clang-tidy, cppcheck
 #   valgrind  valgrind
@@ -29,7 +29,7 @@ usage() {
 }
 
 declare -A SETS=(
-  [build]="cmake make g++ pkgconf libssl-dev openssl libglib2.0-dev libp11-kit-dev p11-kit softhsm2 libgtest-dev libgmock-dev googletest"
+  [build]="cmake make g++ pkgconf libssl-dev openssl libglib2.0-dev libjson-glib-dev libp11-kit-dev p11-kit softhsm2 libgtest-dev libgmock-dev googletest"
   [analysis]="clang-format clang-tidy cppcheck"
   [valgrind]="valgrind"
   [fuzz]="clang"
@@ -37,7 +37,7 @@ declare -A SETS=(
   [interop]="gnutls-bin mosquitto stunnel4 curl"
   [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
   [guest]="qemu-system-arm cpio jq"
-  [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libp11-kit-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
+  [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libjson-glib-dev:armhf libp11-kit-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
 
 requested=()

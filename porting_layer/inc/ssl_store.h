@@ -19,6 +19,9 @@ extern "C" {
 
 int ssl_store_init(void);
 int ssl_store_generate_keyblob_store_in_securefs_file(void);
+/* The key blob and nonce loaded by start-up, for checks of the key service by tools: true with
+ * the three outputs set when key material is there, false (outputs untouched) otherwise. */
+bool ssl_store_key_material(const uint8_t** keyblob, size_t* keyblob_len, const uint8_t** nonce);
 extern const char* g_ssl_ta_keyblob_nonce_file_name;
 
 int fileExists(const char* fname);
@@ -42,6 +45,11 @@ int SSL_ca_list_load(ssl_obj_hdl_t hdl, const char* file_path);
 int SSL_psk_table_load(ssl_obj_hdl_t hdl, const char* file_path, int max_psk_len);
 unsigned int psk_client_cb(SSL* ssl, const char* hint, char* identity, unsigned int max_identity_len,
                            unsigned char* psk, unsigned int max_psk_len);
+/* Calls fn with each identity of the stored PSK table `name`, in table order, never with a
+ * key. Returns the number of entries, KORA_ERROR when the table cannot be unsealed or is
+ * malformed, KORA_ERR_INVALID_PARAM for a null argument or a name the store refuses. */
+typedef void (*ssl_psk_identity_fn)(const uint8_t* identity, size_t len, void* user);
+int SSL_psk_table_identities(const char* name, ssl_psk_identity_fn fn, void* user);
 int SSL_certificate_load(ssl_obj_hdl_t hdl, const char* file_path, const char* priv_key_file_path);
 X509* utility_get_X509_from_buffer(uint8_t* buffer, size_t buf_size, bool isCertDerFormat);
 EVP_PKEY* utility_get_EVP_KEY_from_buffer(uint8_t* buffer, size_t buf_size, bool isCertDerFormat);

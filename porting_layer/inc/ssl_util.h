@@ -127,9 +127,10 @@ int ssl_conn_get_info(ssl_obj_hdl_t hdl, ssl_conn_info_t* info);
 
 /* Sessions, bound to the credential name recorded with SSL_set_cert_info. After a handshake
  * (for TLS 1.3, after the first read, which brings the server's tickets), saves the session as
- * "/data/data_velto/.ssl/sessions/<name>_<n>.session" (DER) and "<name>_<n>.timestamp" (a
- * session_store_t), n the first free number from 1, and marks it for resumption by the next
- * ssl_conn_open on the object. `path` (may be null) receives the .session path.
+ * "<name>_<n>.session" (DER) and "<name>_<n>.timestamp" (a session_store_t) in the store's
+ * sessions directory (ssl_store_layout.h), n the first free number from 1, and marks it for
+ * resumption by the next ssl_conn_open on the object. Both file names must fit the store's
+ * 63-character limit of SSL_session_get_abs_path. `path` (may be null) receives the .session path.
  * 0; -2 no connection or no credential name; -1 no resumable session or a file error. */
 int ssl_session_save(ssl_obj_hdl_t hdl, char* path, size_t path_len);
 /* Marks a saved .session file for resumption by the next ssl_conn_open; null clears. A missing

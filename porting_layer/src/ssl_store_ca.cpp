@@ -10,6 +10,7 @@
 
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
@@ -17,12 +18,12 @@ namespace {
 
 // The decrypted list reaches OpenSSL through the temporary file; returns the load result.
 int install_from_temp_file(SSL_CTX* ssl, void* buffer, size_t buf_size) {
-  if (ssl_store_write_to_file(kCaListTempFile.data(), buffer, buf_size) != 0) {
+  if (ssl_store_write_to_file(KORA_STORE_CA_LIST_TEMP_FILE, buffer, buf_size) != 0) {
     // The text speaks of an encrypted certificate although the file is plain; kept as is.
     STORE_LOG_ERROR("SSL_ca_list_load: storing Encrypted certificate in EFS failed!\n");
     return KORA_ERROR;
   }
-  if (SSL_CTX_load_verify_locations(ssl, kCaListTempFile.data(), nullptr) != 1) {
+  if (SSL_CTX_load_verify_locations(ssl, KORA_STORE_CA_LIST_TEMP_FILE, nullptr) != 1) {
     // High level, not error, as the device has always reported a refused list.
     STORE_LOG_HIGH("CAList: Unable to retrieve the CAList\n");
     log_ssl_internal_error_impl("SSL_ca_list_load", __LINE__);
@@ -64,7 +65,7 @@ int ca_list_load(ssl_obj_hdl_t hdl, const char* file_path) {
 
   // Attempted on every path from here, also after a failed read when this call wrote no
   // file: the failed removal is then logged. Its outcome never changes the result.
-  if (std::remove(kCaListTempFile.data()) == 0) {
+  if (std::remove(KORA_STORE_CA_LIST_TEMP_FILE) == 0) {
     STORE_LOG_HIGH("Temp file removed successfully\n");
   } else {
     STORE_LOG_ERROR("Unable to delete the temp file\n");

@@ -3,11 +3,11 @@
 #include <glib.h>
 
 #include <cstring>
-#include <string_view>
 
 #include "ds_system.h"
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
@@ -15,11 +15,12 @@ namespace {
 
 using CommandBuffer = char[300];
 
-// Runs `command` through the shell (its outcome is not looked at: only opening the
+// Runs "mkdir <directory>" through the shell (its outcome is not looked at: only opening the
 // directory decides) and opens `directory` to test it. The handle is returned open.
-DIR* make_and_open(CommandBuffer& buffer, std::string_view command, const char* directory) {
-  g_strlcpy(buffer, command.data(), sizeof buffer);
-  (void)ds_system_call(buffer, command.size());
+DIR* make_and_open(CommandBuffer& buffer, const char* directory) {
+  g_strlcpy(buffer, "mkdir ", sizeof buffer);
+  const gsize length = g_strlcat(buffer, directory, sizeof buffer);
+  (void)ds_system_call(buffer, length);
   return opendir(directory);
 }
 
@@ -30,7 +31,7 @@ int init_store() {
   std::memset(command, 0, sizeof command);
 
   // The data root is never created: without it the store is unavailable.
-  DIR* root = opendir(kDataRoot.data());
+  DIR* root = opendir(KORA_STORE_DATA_ROOT);
   if (root == nullptr) {
     // High level, not error, as the device has always reported it.
     STORE_LOG_HIGH("Root directory unavailable\n");
@@ -40,43 +41,37 @@ int init_store() {
   (void)root;
 
   // Plain mkdir, one level at a time, each relying on the one before.
-  DIR* ssl_dir = make_and_open(command, "mkdir /data/data_velto/.ssl/", "/data/data_velto/.ssl/");
+  DIR* ssl_dir = make_and_open(command, KORA_STORE_ROOT);
   if (ssl_dir == nullptr) {
     STORE_LOG_ERROR("SSL directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* certs_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/certs/", "/data/data_velto/.ssl/certs/");
+  DIR* certs_dir = make_and_open(command, KORA_STORE_CERTS_DIR);
   if (certs_dir == nullptr) {
     STORE_LOG_ERROR("Certs directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* ca_lists_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/ca_lists/", "/data/data_velto/.ssl/ca_lists/");
+  DIR* ca_lists_dir = make_and_open(command, KORA_STORE_CA_LISTS_DIR);
   if (ca_lists_dir == nullptr) {
     STORE_LOG_ERROR("CA lists directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* di_certs_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/di_certs/", "/data/data_velto/.ssl/di_certs/");
+  DIR* di_certs_dir = make_and_open(command, KORA_STORE_DI_CERTS_DIR);
   if (di_certs_dir == nullptr) {
     STORE_LOG_ERROR("DI certs directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* psk_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/psk_table/", "/data/data_velto/.ssl/psk_table/");
+  DIR* psk_dir = make_and_open(command, KORA_STORE_PSK_TABLE_DIR);
   if (psk_dir == nullptr) {
     STORE_LOG_ERROR("PSK key directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* keys_dir = make_and_open(command, "mkdir /data/data_velto/.ssl/private_keys/",
-                                "/data/data_velto/.ssl/private_keys/");
+  DIR* keys_dir = make_and_open(command, KORA_STORE_PRIVATE_KEYS_DIR);
   if (keys_dir == nullptr) {
     STORE_LOG_ERROR("Private keys directory unavailable \n");
     return KORA_ERROR;
   }
-  DIR* sessions_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/sessions/", "/data/data_velto/.ssl/sessions/");
+  DIR* sessions_dir = make_and_open(command, KORA_STORE_SESSIONS_DIR);
   if (sessions_dir == nullptr) {
     STORE_LOG_ERROR("Sessions directory unavailable \n");
     return KORA_ERROR;
@@ -85,8 +80,7 @@ int init_store() {
   (void)ssl_dir, (void)certs_dir, (void)ca_lists_dir, (void)di_certs_dir, (void)psk_dir, (void)keys_dir,
       (void)sessions_dir;
 
-  DIR* keyblob_dir =
-      make_and_open(command, "mkdir /data/data_velto/.ssl/keyblob/", "/data/data_velto/.ssl/keyblob/");
+  DIR* keyblob_dir = make_and_open(command, KORA_STORE_KEYBLOB_DIR);
   if (keyblob_dir == nullptr) {
     STORE_LOG_ERROR("Keyblob directory unavailable \n");
     return KORA_ERROR;

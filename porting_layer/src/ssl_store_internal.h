@@ -1,5 +1,5 @@
-// Shared inside the store module only: fixed paths, the directory of each kind and the key
-// material.
+// Shared inside the store module only: the contract's path globals, the directory of each kind
+// and the key material. The layout itself is in ssl_store_layout.h.
 #pragma once
 
 #include <cstddef>
@@ -25,10 +25,6 @@ extern uint8_t* gp_ta_nonceBuf;
 }
 
 namespace kora::store {
-
-// The data root, which must already exist, and the plain scratch file of CA list loading.
-inline constexpr std::string_view kDataRoot = "/data/data_velto/";
-inline constexpr std::string_view kCaListTempFile = "/data/data_velto/.ssl/temp";
 
 // The directory of a credential (ending in "/", NUL-terminated), or an empty view for a kind
 // outside 1..4. The key flag wins over the kind, which is then not looked at.

@@ -10,6 +10,7 @@
 #include "ssl_KM_crypto_services.h"
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 #include "ssl_util.h"
 
@@ -21,7 +22,7 @@ size_t g_keyblob_len = 0;
 uint8_t* gp_ta_nonceBuf = nullptr;
 
 // Modifiable so that another module can move the nonce file before start-up.
-const char* g_ssl_ta_keyblob_nonce_file_name = "/data/data_velto/.ssl/keyblob/takey.nonce";
+const char* g_ssl_ta_keyblob_nonce_file_name = KORA_STORE_NONCE_FILE;
 
 }  // extern "C"
 
@@ -135,4 +136,14 @@ int provision_key_material() {
 
 extern "C" int ssl_store_generate_keyblob_store_in_securefs_file(void) {
   return kora::store::provision_key_material();
+}
+
+extern "C" bool ssl_store_key_material(const uint8_t** keyblob, size_t* keyblob_len, const uint8_t** nonce) {
+  if (!kora::store::key_material_available()) {
+    return false;
+  }
+  *keyblob = gp_tz_keyblob;
+  *keyblob_len = g_keyblob_len;
+  *nonce = gp_ta_nonceBuf;
+  return true;
 }

@@ -3,28 +3,36 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
+#include "ssl_store_layout.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
 namespace {
 
 // Every directory ends with "/"; a name is appended at the directory's length.
-constexpr std::string_view kCertsDir = "/data/data_velto/.ssl/certs/";
-constexpr std::string_view kCaListsDir = "/data/data_velto/.ssl/ca_lists/";
-constexpr std::string_view kPskTableDir = "/data/data_velto/.ssl/psk_table/";
-constexpr std::string_view kDiCertsDir = "/data/data_velto/.ssl/di_certs/";
-constexpr std::string_view kPrivateKeysDir = "/data/data_velto/.ssl/private_keys/";
-constexpr std::string_view kSessionsDir = "/data/data_velto/.ssl/sessions/";
-constexpr std::string_view kKeyblobDir = "/data/data_velto/.ssl/keyblob/";
-constexpr std::string_view kKeyblobFile = "/data/data_velto/.ssl/keyblob/takey.blob";
+constexpr std::string_view kCertsDir = KORA_STORE_CERTS_DIR;
+constexpr std::string_view kCaListsDir = KORA_STORE_CA_LISTS_DIR;
+constexpr std::string_view kPskTableDir = KORA_STORE_PSK_TABLE_DIR;
+constexpr std::string_view kDiCertsDir = KORA_STORE_DI_CERTS_DIR;
+constexpr std::string_view kPrivateKeysDir = KORA_STORE_PRIVATE_KEYS_DIR;
+constexpr std::string_view kSessionsDir = KORA_STORE_SESSIONS_DIR;
+constexpr std::string_view kKeyblobDir = KORA_STORE_KEYBLOB_DIR;
+constexpr std::string_view kKeyblobFile = KORA_STORE_KEYBLOB_FILE;
 
 static_assert(kCertsDir.size() == 28 && kCaListsDir.size() == 31 && kPskTableDir.size() == 32 &&
               kDiCertsDir.size() == 31 && kPrivateKeysDir.size() == 35 && kSessionsDir.size() == 31 &&
               kKeyblobDir.size() == 30 && kKeyblobFile.size() == 40);
+
+// The tree in creation order (see ssl_store_layout_dir).
+constexpr const char* kTree[] = {
+    KORA_STORE_ROOT,          KORA_STORE_CERTS_DIR,        KORA_STORE_CA_LISTS_DIR, KORA_STORE_DI_CERTS_DIR,
+    KORA_STORE_PSK_TABLE_DIR, KORA_STORE_PRIVATE_KEYS_DIR, KORA_STORE_SESSIONS_DIR, KORA_STORE_KEYBLOB_DIR};
+static_assert(std::size(kTree) == KORA_STORE_DIR_COUNT);
 
 // A name must be shorter than 64 characters.
 constexpr size_t kMaxNameLength = 63;
@@ -141,6 +149,15 @@ const char* const g_ssl_cert_sub_folder_name_for_pri_keys = kora::store::kPrivat
 const char* const g_ssl_cert_sub_folder_name_for_session = kora::store::kSessionsDir.data();
 const char* const g_ssl_tz_keyblob_path = kora::store::kKeyblobDir.data();
 const char* const g_ssl_ta_keyblob_file_name = kora::store::kKeyblobFile.data();
+
+const char* ssl_store_layout_dir(size_t index) {
+  return index < std::size(kora::store::kTree) ? kora::store::kTree[index] : nullptr;
+}
+
+const char* ssl_store_kind_dir(kora_Net_SSL_Cert_Type_t type, bool key) {
+  const std::string_view directory = kora::store::directory_for(type, key);
+  return directory.empty() ? nullptr : directory.data();
+}
 
 int fileExists(const char* fname) { return kora::store::file_exists(fname); }
 

@@ -5,6 +5,7 @@
 // count, big-endian, then the entries back to back, each a big-endian 16-bit identity length,
 // the identity, a big-endian 16-bit key length and the key. Its size is not kept: the walk
 // relies on the entry count alone.
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
 #include <cstdlib>
@@ -141,6 +142,45 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
   return 0;
 }
 
+// Walks a stored table with every length checked against the buffer, handing out the
+// identities only. Not used by the loader or the callback, which keep their own walk.
+int table_identities(const char* name, ssl_psk_identity_fn fn, void* user) {
+  char path[512];
+  if (name == nullptr || fn == nullptr ||
+      SSL_cert_get_abs_path(name, KORA_NET_SSL_PSK_TABLE_E, path, sizeof path, false) != KORA_OK) {
+    return KORA_ERR_INVALID_PARAM;
+  }
+  void* buffer = nullptr;
+  size_t size = 0;
+  if (ssl_store_cert_read_decrypt_from_file(path, &buffer, &size) != 0 || buffer == nullptr) {
+    free(buffer);
+    return KORA_ERROR;
+  }
+  const auto* table = static_cast<const unsigned char*>(buffer);
+  constexpr size_t kHeaderSize = 4;
+  constexpr size_t kLengthSize = 2;
+  int count = size >= kHeaderSize ? read_be16(table + 2) : -1;
+  size_t at = kHeaderSize;
+  for (int i = 0; i < count; ++i) {
+    if (size - at < kLengthSize || size - at - kLengthSize < read_be16(table + at)) {
+      count = -1;
+      break;
+    }
+    const size_t identity_size = read_be16(table + at);
+    const unsigned char* identity = table + at + kLengthSize;
+    at += kLengthSize + identity_size;
+    if (size - at < kLengthSize || size - at - kLengthSize < read_be16(table + at)) {
+      count = -1;
+      break;
+    }
+    at += kLengthSize + read_be16(table + at);
+    fn(identity, identity_size, user);
+  }
+  OPENSSL_cleanse(buffer, size);
+  free(buffer);
+  return count < 0 ? KORA_ERROR : count;
+}
+
 }  // namespace
 }  // namespace kora::store
 
@@ -153,4 +193,8 @@ extern "C" unsigned int psk_client_cb(SSL* ssl, const char* hint, char* identity
                                       unsigned int max_identity_len, unsigned char* psk,
                                       unsigned int max_psk_len) {
   return kora::store::client_callback(ssl, hint, identity, max_identity_len, psk, max_psk_len);
+}
+
+extern "C" int SSL_psk_table_identities(const char* name, ssl_psk_identity_fn fn, void* user) {
+  return kora::store::table_identities(name, fn, user);
 }

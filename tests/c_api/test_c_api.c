@@ -11,6 +11,7 @@
 #include "msg_diag.h"
 #include "ssl_KM_crypto_services.h"
 #include "ssl_store.h"
+#include "ssl_store_layout.h"
 #include "ssl_util.h"
 
 #define ROUND_UP(n, a) ((((n) + (a)-1) / (a)) * (a))
@@ -61,6 +62,11 @@ _Static_assert(offsetof(gbl_ssl_ctx_t, sess) == 16 && offsetof(gbl_ssl_ctx_t, ce
 _Static_assert(offsetof(gbl_ssl_ctx_t, psk_identify_key) == 784, "object record: PSK pointer");
 _Static_assert(offsetof(gbl_ssl_ctx_t, ciphersuite) == 784 + PTR, "object record");
 _Static_assert(offsetof(gbl_ssl_ctx_t, protocol) == 784 + PTR + 256, "object record");
+/* Store layout: literals that concatenate, directories ending in "/". */
+_Static_assert(sizeof KORA_STORE_ROOT == sizeof "/data/data_velto/.ssl/", "store root");
+_Static_assert(sizeof KORA_STORE_KEYBLOB_FILE == sizeof "/data/data_velto/.ssl/keyblob/takey.blob",
+               "key blob");
+
 int main(void) {
   /* A constant initializer in C. */
   static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;

@@ -19,7 +19,11 @@ extern int generate_calls, crypt_calls;
 extern int fail_put_on_call;                // the n-th efs_put from now (1 = the next) returns -1
 extern std::vector<std::string> put_calls;  // "path oflag mode" of every put, in decimal
 
-// Mutex shim: the result of every release (1: nothing held, tolerated).
+// Shell: "<command as run>|<length passed>" of every call.
+extern std::vector<std::string> shell_calls;
+
+// Mutex shim (linked with --wrap=ivra_mutex_unlock): the result of every release (1: nothing
+// held, tolerated).
 extern std::vector<int> unlock_results;
 
 }  // namespace kora::fake

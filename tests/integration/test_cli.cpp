@@ -1,12 +1,15 @@
 // kora-ssl-store as a user runs it: a spawned process on the case's private store root, working
 // in /data/in where the user's input files are.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 
 #include "cli_tool.h"
 #include "kora_certgen.h"
@@ -18,6 +21,33 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 const std::string kStore = "/data/data_velto/.ssl/";
 const auto kLabel = [](const auto& p) { return std::string(p.param.label); };
+
+// A shell script in the input directory; $KORA runs the tool, "openssl" the openssl tool.
+Result shell(const std::string& script) {
+#ifdef KORA_CLI_LAUNCHER
+  ::setenv("KORA", KORA_CLI_LAUNCHER " " KORA_CLI_PATH, 1);
+#else
+  ::setenv("KORA", KORA_CLI_PATH, 1);
+#endif
+  std::string why;
+  auto child = Subprocess::start({"sh", "-c", script}, &why, "/data/cli.err");
+  EXPECT_NE(child, nullptr) << why;
+  const int code = child ? child->wait_exit(60s) : -1;
+  return {code, child ? child->output() : "", slurp("/data/cli.err")};
+}
+
+// Serves stored certificate `cert` once and connects to it trusting CA list `ca`: the
+// certificate and key load, and the handshake verifies.
+void expect_handshake(const std::string& cert, const std::string& ca = "roots") {
+  int port = 0;
+  ::close(listen_loopback(&port));
+  auto server = start("serve " + std::to_string(port) + " --cert " + cert + " --once", "/data/serve.err");
+  ASSERT_NE(server->wait_for_line("listening on port", 10s), "") << slurp("/data/serve.err");
+  const Result r = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca " + ca);
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("verification:  ok"), std::string::npos) << r.out;
+  EXPECT_EQ(server->wait_exit(10s), 0) << slurp("/data/serve.err");
+}
 
 // Every directory and file under the data root and the root key's directory, with its bytes.
 std::map<std::string, std::string> snapshot() {
@@ -51,7 +81,16 @@ class Cli : public ::testing::Test {
     write("client.pem", client.cert_pem());
     write("client.key", client.key_pem());
     write("server.der", std::string(der.begin(), der.end()));
+    write("ca.key", ca.key_pem());
     write("psk.txt", "dev1:00112233445566778899aabbccddeeff\n|a:b|:0102\n");
+    write("psk_comments.txt", "# lab table\r\n\r\n  # indented\ndev1:00\n\n");
+    write("psk_no_colon.txt", "dev1:00\ndev2 0011\n");
+    write("psk_duplicate.txt", "dev1:00\n# x\ndev1:01\n");
+    write("psk_long_identity.txt", std::string(257, 'i') + ":00\n");
+    write("psk_long_key.txt", "dev1:" + std::string(514, 'a') + "\n");
+    write("psk_odd_key.txt", "dev1:001\n");
+    write("psk_bar.txt", "ab|c:00\n");
+    write("chain_reversed.pem", ca.cert_pem() + server.cert_pem());
   }
   static void provision() {
     for (const char* command : {"init", "put cert srv --cert server.pem --key server.key",
@@ -116,6 +155,202 @@ TEST_F(Cli, ServeAndConnectAuthenticateEachOtherWithStoredCredentials) {
   EXPECT_NE(server->output().find("verification:  ok"), std::string::npos) << server->output();
 }
 
+// A leaf for 127.0.0.1 signed by the test CA, with its key in k.pem made by `genpkey`.
+constexpr const char* kLeafScript =
+    "set -e; openssl genpkey %s -out k.pem 2>/dev/null; printf 'subjectAltName=IP:127.0.0.1\\n' >san.ext;"
+    "openssl req -new -key k.pem -subj /CN=leaf -out x.csr;"
+    "openssl x509 -req -in x.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 5 -extfile san.ext -out x.pem 2>/dev/null;"
+    "openssl x509 -in x.pem -outform DER -out x.der; echo pw >pw.txt;";
+
+struct KeyForm {
+  const char* label;
+  const char* genpkey;         // algorithm options
+  const char* convert;         // makes the file "key" from k.pem; ends in "&&" or in "|" to feed the tool
+  const char* put;             // options after "put cert x"
+  const char* key_line;        // the key as show describes it
+  bool legacy_cipher = false;  // needs OpenSSL's legacy provider, which a host may lack
+};
+void PrintTo(const KeyForm& k, std::ostream* os) { *os << k.label; }
+class CliKeyForm : public Cli, public ::testing::WithParamInterface<KeyForm> {};
+
+// Whatever form put accepts, the store's loader reads back: the handshake proves it.
+TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
+  provision();
+  char script[1024];
+  (void)std::snprintf(script, sizeof script, kLeafScript, GetParam().genpkey);
+  Result r = shell(std::string(script) + GetParam().convert + " $KORA put cert x " + GetParam().put);
+  if (GetParam().legacy_cipher && r.err.find("legacy provider is not installed") != std::string::npos) {
+    GTEST_SKIP() << r.err;  // the tool's OpenSSL (an emulated one, say) lacks the legacy provider
+  }
+  ASSERT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("chain of 1 certificate"), std::string::npos) << r.out;
+  EXPECT_NE(cli("show cert x").out.find(GetParam().key_line), std::string::npos);
+  expect_handshake("x");
+}
+
+const KeyForm kKeyForms[] = {
+    {"ec_sec1_der_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-384",
+     "openssl ec -in k.pem -outform DER -out key &&", "--cert x.der --key key", "EC P-384"},
+    {"ec_pkcs8_pem_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256", "cp k.pem key &&",
+     "--cert x.der --key key", "EC P-256"},
+    {"rsa_traditional_pem", "-algorithm RSA", "openssl rsa -in k.pem -traditional -out key &&",
+     "--cert x.pem --key key", "RSA 2048"},
+    {"rsa_pkcs1_der_pem_cert", "-algorithm RSA",
+     "openssl rsa -in k.pem -traditional -outform DER -out key &&", "--cert x.pem --key key", "RSA 2048"},
+    {"ed25519_pkcs8_der", "-algorithm ED25519",
+     "openssl pkcs8 -topk8 -nocrypt -in k.pem -outform DER -out key &&", "--cert x.pem --key key", "ED25519"},
+    {"ed448_pem", "-algorithm ED448", "cp k.pem key &&", "--cert x.der --key key", "ED448"},
+    {"encrypted_pkcs8_pass", "-algorithm ED25519",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key &&", "--cert x.pem --key key --pass pass:pw",
+     "ED25519"},
+    {"encrypted_der_env", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -outform DER -out key; export PW=pw &&",
+     "--cert x.der --key key --pass env:PW", "EC P-256"},
+    {"encrypted_traditional_file", "-algorithm RSA",
+     "openssl rsa -in k.pem -aes128 -traditional -passout pass:pw -out key 2>/dev/null &&",
+     "--cert x.pem --key key --pass file:pw.txt", "RSA 2048"},
+    {"encrypted_stdin_cert_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; cat x.pem |",
+     "--cert - --key key --pass file:pw.txt", "EC P-256"},
+    {"encrypted_pass_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |",
+     "--cert x.pem --key key --pass stdin", "EC P-256"},
+    {"certificate_then_key_in_one_file", "-algorithm ED448", "cat x.pem k.pem >key &&",
+     "--cert key --key key", "ED448"},
+    {"pkcs12", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw",
+     "EC P-256"},
+    {"pkcs12_legacy_cipher", "-algorithm RSA",
+     "openssl pkcs12 -export -legacy -in x.pem -inkey k.pem -passout pass:pw -out key &&",
+     "--p12 key --pass pass:pw", "RSA 2048", true},
+};
+INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
+
+struct Fault {
+  const char* label;
+  const char* script;  // after kLeafScript with an EC key
+  const char* says;
+};
+void PrintTo(const Fault& f, std::ostream* os) { *os << f.label; }
+class CliKeyFault : public Cli, public ::testing::WithParamInterface<Fault> {};
+
+TEST_P(CliKeyFault, RefusesInOneLineAndStoresNothing) {
+  ASSERT_EQ(cli("init").code, 0);
+  char script[1024];
+  (void)std::snprintf(script, sizeof script, kLeafScript, "-algorithm EC -pkeyopt ec_paramgen_curve:P-256");
+  const Result r = shell(std::string(script) + GetParam().script);
+  EXPECT_EQ(r.code, 1) << r.out;
+  EXPECT_NE(r.err.find(GetParam().says), std::string::npos) << r.err;
+  EXPECT_EQ(cli("ls").out, "");
+}
+
+const Fault kKeyFaults[] = {
+    {"wrong_pass",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key --pass pass:no",
+     "the pass phrase does not decrypt the key"},
+    {"no_pass_no_terminal",
+     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key",
+     "key: encrypted; give its pass phrase with --pass"},
+    {"p12_wrong_pass",
+     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out p; $KORA put cert x --p12 p --pass pass:no",
+     "the pass phrase does not open p"},
+    {"stdin_twice", "cat x.pem | $KORA put cert x --cert - --key -", "standard input is already read"},
+    {"der_with_trailing_bytes", "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem",
+     "use PEM for a chain"},
+};
+INSTANTIATE_TEST_SUITE_P(Faults, CliKeyFault, ::testing::ValuesIn(kKeyFaults), kLabel);
+
+TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
+  ASSERT_EQ(cli("init").code, 0);
+  const auto ca = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
+  const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, ca);
+  const auto leaf =
+      certgen::make_signed({{{"CN", "leaf"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, mid);
+  std::ofstream("full.pem") << leaf.cert_pem() << mid.cert_pem() << ca.cert_pem();
+  std::ofstream("root.pem") << ca.cert_pem();
+  std::ofstream("leaf.key") << leaf.key_pem();
+  std::ofstream("bag.pem") << ca.cert_pem() << mid.cert_pem();
+  Result r = cli("put cert full --cert full.pem --key leaf.key");
+  EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
+  // A bag lists its certificates in any order, some twice; the stored chain runs leaf, issuer, root.
+  r = shell(
+      "openssl pkcs12 -export -in full.pem -inkey leaf.key -certfile bag.pem -passout pass: -out p.p12 &&"
+      "$KORA put cert bag --p12 p.p12 && $KORA show --json cert bag");
+  EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
+  EXPECT_NE(r.out.find("\"chain_length\" : 3"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"issuer\" : \"CN = mid\""), std::string::npos) << r.out;
+  ASSERT_EQ(cli("put ca root root.pem").code, 0);
+  expect_handshake("bag", "root");  // trusted by the root alone: the stored chain is sent
+}
+
+TEST_F(Cli, PskCommentsAreStrippedAndAListingShowsIdentitiesNeverKeys) {
+  provision();
+  ASSERT_EQ(cli("put psk lab psk.txt").code, 0);
+  Result r = cli("put psk notes psk_comments.txt");
+  EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
+  r = cli("ls -l psk");
+  EXPECT_EQ(r.out,
+            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
+            "    entries:       1\n    identities:    dev1\n");
+  EXPECT_EQ(r.out.find("0011"), std::string::npos);
+  // A refused table leaves the one stored before in place.
+  EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
+  EXPECT_NE(cli("show psk lab").out.find("dev1, a:b"), std::string::npos);
+}
+
+TEST_F(Cli, ListsEveryNameSortedBeyondTheStoresTen) {
+  ASSERT_EQ(cli("init").code, 0);
+  std::string expected;
+  for (int i = 11; i >= 0; --i) {
+    ASSERT_EQ(cli("put ca r" + std::to_string(100 + i) + " ca.pem").code, 0);
+  }
+  for (int i = 0; i < 12; ++i) {
+    expected += "ca   r" + std::to_string(100 + i) + "\n";
+  }
+  EXPECT_EQ(cli("ls ca").out, expected);
+  EXPECT_EQ(cli("ls").out, expected);
+}
+
+TEST_F(Cli, ShowsCertificateDetailsAsTextAndJson) {
+  provision();
+  const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
+  Result r = cli("show cert srv");
+  EXPECT_EQ(
+      r.out.rfind("cert srv\n    subject:       CN = test-server\n    issuer:        CN = test-ca\n", 0), 0u)
+      << r.out;
+  for (const std::string& part : std::vector<std::string>{"EXPIRES SOON", "key:           EC P-256",
+                                                          "chain length:  1", "sha256:        " + fp.out}) {
+    EXPECT_NE(r.out.find(part), std::string::npos) << part << "\n" << r.out;
+  }
+  r = cli("ls -l --json cert");
+  EXPECT_NE(r.out.find("\"name\" : \"cli\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"key_bits\" : 256"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("PRIVATE KEY"), std::string::npos);
+  EXPECT_EQ(cli("--version").out.rfind("kora-ssl-store ", 0), 0u);
+}
+
+// A key born on the device: sealed at once, listed while it waits, and joined by the
+// certificate issued for it.
+TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
+  provision();
+  Result r = cli(
+      "csr dev --subject /CN=dev42/O=Kora --key ed25519 --san DNS:dev42.example,IP:127.0.0.1 --out dev.csr");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(slurp(kStore + "private_keys/dev").find("PRIVATE KEY"), std::string::npos);
+  EXPECT_NE(cli("show cert dev").out.find("key only: waiting for its certificate"), std::string::npos);
+  EXPECT_EQ(cli("csr dev --subject /CN=again").code, 1);
+  EXPECT_EQ(cli("put cert dev --cert server.pem").code, 1);  // issued to another key
+  r = shell(
+      "openssl x509 -req -in dev.csr -CA ca.pem -CAkey ca.key -CAcreateserial -copy_extensions copy -days 5 "
+      "-out dev.pem 2>/dev/null && $KORA put cert dev --cert dev.pem");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("(CN = dev42, O = Kora) with its ED25519 private key"), std::string::npos) << r.out;
+  expect_handshake("dev");
+  ASSERT_EQ(cli("csr gone --subject /CN=gone --out gone.csr").code, 0);
+  EXPECT_EQ(cli("rm cert gone").code, 0);  // a key waiting for its certificate
+  EXPECT_FALSE(fs::exists(kStore + "private_keys/gone"));
+}
+
 struct Refusal {
   const char* label;
   bool init;
@@ -142,8 +377,11 @@ TEST_P(CliRefusal, SaysWhyInOneLineAndWritesNothing) {
 
 const Refusal kRefusals[] = {
     {"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
-    {"dotdot", true, "put di a..b server.pem", 2, "refusing name 'a..b': it contains \"..\""},
-    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "refusing --ca name '..'"},
+    {"dotdot", true, "put di .. server.pem", 2, "refusing name '..': \"..\" names a directory"},
+    {"dot", true, "rm ca .", 2, "refusing name '.': \".\" names a directory"},
+    {"escape_sequence_in_name", true, "put ca a\x1b[2Jb ca.pem", 2,
+     "refusing name 'a\\x1b[2Jb': it contains the byte \\x1b"},
+    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "--ca: refusing name '..'"},
     {"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
     {"unknown_option", true, "ls --all", 2, "unknown option --all"},
     {"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},
@@ -151,7 +389,22 @@ const Refusal kRefusals[] = {
     {"ca_not_pem", true, "put ca x server.der", 1, "is not a PEM list of CA certificates"},
     {"di_not_cert", true, "put di x psk.txt", 1, "holds no certificate"},
     {"key_mismatch", true, "put cert x --cert server.pem --key client.key", 1, "is not the private key of"},
-    {"psk_malformed", true, "put psk x ca.pem", 1, "store status -1 (KORA_ERROR)"},
+    {"psk_malformed", true, "put psk x ca.pem", 1, "ca.pem line 1: no \":\" between identity and key"},
+    {"psk_no_colon", true, "put psk x psk_no_colon.txt", 1, "line 2: no \":\""},
+    {"psk_duplicate", true, "put psk x psk_duplicate.txt", 1, "line 3: duplicate identity (first on line 1)"},
+    {"psk_identity_unsendable", true, "put psk x psk_long_identity.txt", 1,
+     "257 bytes; OpenSSL sends at most 256"},
+    {"psk_key_too_long", true, "put psk x psk_long_key.txt", 1, "257 bytes; the store holds at most 256"},
+    {"psk_odd_digits", true, "put psk x psk_odd_key.txt", 1, "line 1: the key has an odd number"},
+    {"psk_bar_unquoted", true, "put psk x psk_bar.txt", 1, "write the identity as |IDENTITY|:HEXKEY"},
+    {"chain_leaf_not_first", true, "put cert x --cert chain_reversed.pem --key server.key", 1,
+     "is not the private key of the first certificate"},
+    {"pass_source_unknown", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
+     "--pass takes"},
+    {"attach_without_key", true, "put cert x --cert server.pem", 1, "no private key is stored under 'x'"},
+    {"csr_bad_subject", true, "csr x --subject CN=x", 2, "--subject must look like /CN=NAME"},
+    {"csr_bad_key", true, "csr x --subject /CN=x --key dsa:1024", 2, "unknown key type 'dsa:1024'"},
+    {"show_missing", true, "show psk nothing", 1, "no PSK table named 'nothing' in the store"},
     {"not_der", true, "der2pem server.pem", 1, "is not a DER certificate"},
     {"rm_missing", true, "rm ca nothing", 1, "no CA list named 'nothing' in the store"},
     {"load_missing", true, "serve 1 --cert nothing", 1, "no certificate named 'nothing' in the store"},
@@ -174,7 +427,7 @@ TEST_P(CliTamper, FailsClearlyAndLoadsNothing) {
   ASSERT_GT(bytes.size(), 20u);
   bytes[bytes.size() / 2] ^= 0x01;
   std::ofstream(kStore + GetParam().file, std::ios::binary) << bytes;
-  const Result r = cli(GetParam().command);
+  const Result r = cli(std::string("-v ") + GetParam().command);
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find(GetParam().says), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("store status -1 (KORA_ERROR)"), std::string::npos) << r.err;
@@ -223,6 +476,132 @@ const Demo kDemos[] = {
     {"name_taken", {"init", "put ca kora-demo-ca ca.pem"}, "", 1, "already holds CA list 'kora-demo-ca'"},
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, CliDemo, ::testing::ValuesIn(kDemos), kLabel);
+
+// Threats from outside the tool: other users, planted files, other processes, signals.
+enum class Plant { kFifo, kSymlink, kOtherOwner, kOthersWrite };
+struct Planted {
+  const char* label;
+  Plant plant;
+  const char* path;  // below the data root
+  const char* command;
+  const char* says;
+};
+void PrintTo(const Planted& p, std::ostream* os) { *os << p.label; }
+class CliPlanted : public Cli, public ::testing::WithParamInterface<Planted> {};
+
+// Something planted where the store expects its own regular file or private directory is
+// refused before the store opens it: no command blocks on a FIFO or follows a link.
+TEST_P(CliPlanted, IsRefusedWithoutBlockingOrChangingAnything) {
+  provision();
+  const std::string path = std::string("/data/data_velto/") + GetParam().path;
+  if (GetParam().plant == Plant::kFifo || GetParam().plant == Plant::kSymlink) {
+    fs::remove(path);
+  }
+  const int planted = GetParam().plant == Plant::kFifo         ? ::mkfifo(path.c_str(), 0600)
+                      : GetParam().plant == Plant::kSymlink    ? ::symlink("/data/in/ca.pem", path.c_str())
+                      : GetParam().plant == Plant::kOtherOwner ? ::chown(path.c_str(), 65534, 65534)
+                                                               : ::chmod(path.c_str(), 0777);
+  ASSERT_EQ(planted, 0) << path;
+  const auto before = snapshot();
+  const Result r = cli(GetParam().command);  // bounded: a hang shows as code -1
+  EXPECT_EQ(r.code, 1) << r.err;
+  EXPECT_NE(r.err.find(GetParam().says), std::string::npos) << r.err;
+  EXPECT_EQ(snapshot(), before);
+}
+
+const Planted kPlants[] = {
+    {"fifo_at_ca_list", Plant::kFifo, ".ssl/ca_lists/roots", "connect 127.0.0.1:1 --ca roots",
+     "roots is a FIFO"},
+    {"fifo_at_private_key", Plant::kFifo, ".ssl/private_keys/cli",
+     "connect 127.0.0.1:1 --cert cli --insecure", "a FIFO"},
+    {"fifo_at_put_target", Plant::kFifo, ".ssl/ca_lists/new", "put ca new ca.pem", "new is a FIFO"},
+    {"fifo_at_rm_target", Plant::kFifo, ".ssl/certs/srv", "rm cert srv", "srv is a FIFO"},
+    {"fifo_at_key_blob", Plant::kFifo, ".ssl/keyblob/takey.blob", "ls", "takey.blob is a FIFO"},
+    {"fifo_at_nonce", Plant::kFifo, ".ssl/keyblob/takey.nonce", "init", "takey.nonce is a FIFO"},
+    {"link_at_certificate", Plant::kSymlink, ".ssl/certs/srv", "serve 1 --cert srv",
+     "srv is a symbolic link"},
+    {"link_in_tree", Plant::kSymlink, ".ssl/ca_lists/roots", "init", "roots is a symbolic link"},
+    {"data_root_of_another_user", Plant::kOtherOwner, "", "init", "belongs to user 65534"},
+    {"store_of_another_user", Plant::kOtherOwner, ".ssl/", "init", ".ssl/ belongs to user 65534"},
+    {"credential_of_another_user", Plant::kOtherOwner, ".ssl/ca_lists/roots", "init",
+     "belongs to user 65534"},
+    {"data_root_open_to_all", Plant::kOthersWrite, "", "init", "writable by other users (mode 0777)"},
+};
+INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel);
+
+// A name planted in the store by hand reaches the terminal escaped.
+TEST_F(Cli, LsEscapesANamePlantedInTheStore) {
+  provision();
+  std::ofstream(kStore + "ca_lists/evil\x1b[2J\n") << "x";
+  const std::string out = cli("ls ca").out;
+  EXPECT_NE(out.find("ca   evil\\x1b[2J\\x0a\n"), std::string::npos) << out;
+}
+
+// Another user: whatever the umask, nothing in the tree is open to them, and init closes a
+// tree an older version left open.
+TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
+  const mode_t saved = ::umask(0);
+  ASSERT_EQ(::mkdir(kStore.c_str(), 0755) | ::mkdir((kStore + "ca_lists").c_str(), 0777), 0);
+  provision();
+  ::umask(saved);
+  for (const auto& e : fs::recursive_directory_iterator(kStore)) {
+    EXPECT_EQ(e.status().permissions() & (fs::perms::group_all | fs::perms::others_all), fs::perms::none)
+        << e.path();
+  }
+  ASSERT_EQ(::seteuid(65534), 0);
+  const int fd = ::open((kStore + "ca_lists/roots").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::seteuid(0), 0);
+  EXPECT_LT(fd, 0) << "another user opened a sealed CA list";
+}
+
+// Another user plants a link where der2pem writes: the link's target is never written.
+TEST_F(Cli, Der2pemNeverWritesThroughALinkAnotherUserPlanted) {
+  ASSERT_EQ(::mkdir("/data/shared", 0755) | ::chown("/data/shared", 65534, 65534), 0);
+  std::ofstream("/data/victim") << "precious";
+  ASSERT_EQ(::seteuid(65534), 0);
+  const int planted = ::symlink("/data/victim", "/data/shared/out.pem");
+  ASSERT_EQ(::seteuid(0), 0);
+  ASSERT_EQ(planted, 0);
+  const Result r = cli("der2pem server.der /data/shared/out.pem");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("/data/shared/out.pem exists; give --force to replace it"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(cli("der2pem server.der /data/shared/out.pem --force").code, 0);
+  EXPECT_EQ(slurp("/data/victim"), "precious");
+  EXPECT_FALSE(fs::is_symlink("/data/shared/out.pem"));
+  EXPECT_EQ(slurp("/data/shared/out.pem"), slurp("server.pem"));
+}
+
+// Another process: a client that connects and sends nothing holds the server only until its
+// handshake times out (10 s by default); the next client is served.
+TEST_F(Cli, AnIdleClientDoesNotKeepOthersFromTheServer) {
+  provision();
+  int port = 0;
+  ::close(listen_loopback(&port));
+  auto server = start("serve " + std::to_string(port) + " --cert srv", "/data/serve.err");
+  ASSERT_NE(server->wait_for_line("listening on port " + std::to_string(port) + " at 127.0.0.1", 10s), "")
+      << slurp("/data/serve.err");
+  const int idle = connect_loopback(port);
+  const Result client = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
+  ::close(idle);
+  EXPECT_EQ(client.code, 0) << client.err;
+}
+
+class CliDemoSignal : public Cli, public ::testing::WithParamInterface<int> {};
+
+// A signal once the demo has stored its credentials: it still removes all it made.
+TEST_P(CliDemoSignal, KilledMidRunLeavesTheHostAsFound) {
+  const auto before = snapshot();
+  auto demo = start("demo", "/data/demo.err");
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (!fs::exists(kStore + "certs/kora-demo-server") && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  ASSERT_EQ(::kill(demo->pid(), GetParam()), 0);
+  EXPECT_EQ(demo->wait_exit(30s), 128 + GetParam()) << slurp("/data/demo.err");
+  EXPECT_EQ(snapshot(), before);
+}
+INSTANTIATE_TEST_SUITE_P(Signals, CliDemoSignal, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 }  // namespace
 }  // namespace kora::test

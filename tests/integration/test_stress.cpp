@@ -1,9 +1,13 @@
 // Eight threads share the store: 10,000 stores, loads, listings and removals over a few
 // names of every kind, each thread on SSL objects of its own. Every call must return one of
 // the results its kind allows; afterwards every file left is either absent or a whole sealed
-// credential, byte for byte one that was stored, and it loads.
+// credential, byte for byte one that was stored, and it loads. Then processes in place of
+// threads: CA loads of several processes at once never cross.
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <dirent.h>
 #include <algorithm>
@@ -265,3 +269,64 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentialsThatLoad) {
 }
 
 }  // namespace
+
+// Processes, not threads: every CA load on the host goes through one plain scratch file.
+// Half the processes load the CA that issued a leaf, half another CA, and each verifies the
+// leaf against what it loaded. Trusting the leaf after loading the other CA, or not trusting
+// it after loading the right one, means two processes' loads crossed.
+TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
+  constexpr int kProcesses = 8;
+  constexpr int kLoads = 25;
+  kora::certgen::CertSpec spec;
+  spec.is_ca = true;
+  const auto right = kora::certgen::make_self_signed(spec);
+  const auto wrong = kora::certgen::make_self_signed(spec);
+  spec.is_ca = false;
+  const auto leaf = kora::certgen::make_signed(spec, right);
+  put("right", KORA_NET_SSL_CA_LIST_E, right.cert_pem());
+  put("wrong", KORA_NET_SSL_CA_LIST_E, wrong.cert_pem());
+
+  std::vector<int> pipes;  // one per process: its wrong trusts and failures
+  for (int p = 0; p < kProcesses; ++p) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      const bool issuer = p % 2 == 0;
+      int counts[2] = {0, 0};
+      for (int i = 0; i < kLoads; ++i) {
+        ssl_obj_hdl_t obj = 0;
+        bool loaded = ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &obj) == 0 &&
+                      SSL_cert_load(obj, KORA_NET_SSL_CA_LIST_E, issuer ? "right" : "wrong") == KORA_OK;
+        X509_STORE_CTX* check = X509_STORE_CTX_new();
+        const bool trusted = loaded &&
+                             X509_STORE_CTX_init(check, SSL_CTX_get_cert_store(ssl_get_obj_context(obj)),
+                                                 leaf.cert.get(), nullptr) == 1 &&
+                             X509_verify_cert(check) == 1;
+        X509_STORE_CTX_free(check);
+        counts[0] += !issuer && trusted ? 1 : 0;
+        counts[1] += !loaded || (issuer && !trusted) ? 1 : 0;
+        ssl_obj_free(obj);
+      }
+      _exit(::write(fds[1], counts, sizeof counts) == sizeof counts ? 0 : 1);
+    }
+    ::close(fds[1]);
+    pipes.push_back(fds[0]);
+  }
+  int wrong_trusts = 0;
+  int failures = 0;
+  for (const int fd : pipes) {
+    int counts[2] = {0, kLoads};  // a process that reports nothing failed every load
+    (void)::read(fd, counts, sizeof counts);
+    ::close(fd);
+    wrong_trusts += counts[0];
+    failures += counts[1];
+  }
+  while (::wait(nullptr) > 0) {
+  }
+  std::printf("%d processes, %d CA loads: %d wrong trusts, %d failures\n", kProcesses, kProcesses * kLoads,
+              wrong_trusts, failures);
+  EXPECT_EQ(wrong_trusts, 0) << "a process trusted a leaf the CA it loaded never issued";
+  EXPECT_EQ(failures, 0) << "a CA load failed or lost its CA to another process's";
+}

@@ -25,6 +25,7 @@ class Subprocess {
   int wait_exit(std::chrono::milliseconds timeout);
   void close_stdin();
   const std::string& output() const { return output_; }
+  pid_t pid() const { return pid_; }
 
  private:
   Subprocess() = default;

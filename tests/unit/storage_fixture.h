@@ -1,18 +1,16 @@
 // Store tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file, the stored form of a PSK table and a probe of ssl_mutex from another thread.
+// a stored file, the stored form of a PSK table and the state of ssl_mutex.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <future>
-#include <memory>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -36,16 +34,10 @@ class StorageTest : public ::testing::Test {
   }
 };
 
-inline bool file_exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
+using std::filesystem::exists;
 
-inline void write_plain(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr) << path;
-  ASSERT_EQ(std::fclose(f), 0);
-}
+// An empty plain file.
+inline void write_plain(const std::string& path) { ASSERT_TRUE(std::ofstream(path).good()) << path; }
 
 // The unsealed content of a stored credential file, or nothing when it cannot be read.
 inline std::optional<std::string> read_stored(const std::string& path) {
@@ -74,17 +66,12 @@ inline std::string psk_table(const std::vector<std::pair<std::string, std::strin
   return t;
 }
 
-// True when another thread takes and releases ssl_mutex within one second. When it does not,
-// the probe thread stays blocked for the rest of the process.
+// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
 inline bool store_lock_is_free() {
-  auto done = std::make_shared<std::promise<void>>();
-  auto taken = done->get_future();
-  std::thread([done] {
-    ivra_mutex_lock(&ssl_mutex);
-    ivra_mutex_unlock(&ssl_mutex);
-    done->set_value();
-  }).detach();
-  return taken.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
+  pthread_mutex_lock(&ssl_mutex.guard);
+  const bool free = ssl_mutex.held == 0;
+  pthread_mutex_unlock(&ssl_mutex.guard);
+  return free;
 }
 
 }  // namespace kora::test

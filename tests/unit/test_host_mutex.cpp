@@ -1,7 +1,11 @@
-// Owner semantics of the mutex shim with real threads.
+// Owner semantics of the mutex shim with real threads, and its hold across processes.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <csignal>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -49,3 +53,55 @@ TEST(HostMutex, HoldNeverReleasedBlocksOthersAndTheHolderItself) {
 }
 
 }  // namespace
+
+namespace kora::test {
+namespace {
+
+// A child that takes `m` and keeps it until it is killed; returns its pid once it holds it.
+pid_t hold_in_child(ivra_mutex_t* m) {
+  int ready[2];
+  EXPECT_EQ(::pipe(ready), 0);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ivra_mutex_lock(m);
+    (void)::write(ready[1], "h", 1);
+    ::pause();
+    _exit(0);
+  }
+  char c = 0;
+  EXPECT_EQ(::read(ready[0], &c, 1), 1);
+  ::close(ready[0]);
+  ::close(ready[1]);
+  return pid;
+}
+
+// How a child that asks for `m` ends (exit status), with its stderr in `err_path`.
+int lock_in_child(ivra_mutex_t* m, const char* err_path) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    (void)std::freopen(err_path, "w", stderr);
+    ivra_mutex_lock(m);
+    _exit(0);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Another process's hold keeps this one out for a bounded time, after which it ends naming
+// the holder; once the holder dies the lock is free again.
+TEST(HostMutexAcrossProcesses, WaitIsBoundedAndNamesTheHolderWhoseDeathFreesIt) {
+  static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
+  ::setenv("KORA_SSL_LOCK_WAIT", "1", 1);
+  const pid_t holder = hold_in_child(&m);
+  EXPECT_EQ(lock_in_child(&m, "/data/waiter.err"), 75);
+  std::ifstream err("/data/waiter.err");
+  const std::string said((std::istreambuf_iterator<char>(err)), {});
+  EXPECT_NE(said.find("locked by process " + std::to_string(holder)), std::string::npos) << said;
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  EXPECT_EQ(lock_in_child(&m, "/data/waiter.err"), 0);
+}
+
+}  // namespace
+}  // namespace kora::test

@@ -8,6 +8,7 @@
 #include "fakes.h"
 #include "log_capture.h"
 #include "ssl_store.h"
+#include "ssl_store_layout.h"
 
 namespace {
 
@@ -18,15 +19,23 @@ const std::vector<std::string> kTree = {"",           "certs/",        "ca_lists
                                         "psk_table/", "private_keys/", "sessions/", "keyblob/"};
 
 // Root up to sessions/ stay open; keyblob/ is closed only when provisioning succeeds (9 + 8).
+// Each directory comes from one "mkdir" command, passed with its exact length.
 TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
   for (const auto generate : {kora::fake::Generate::kFail, kora::fake::Generate::kOk}) {
     kora::fake::generate = generate;
+    kora::fake::shell_calls.clear();
     LogCapture log;
     const bool ok = generate == kora::fake::Generate::kOk;
     EXPECT_EQ(ok ? 0 : -1, ssl_store_init());
+    std::vector<std::string> commands;
     for (const auto& dir : kTree) {
       EXPECT_TRUE(fs::is_directory("/data/data_velto/.ssl/" + dir)) << dir;
+      EXPECT_EQ("/data/data_velto/.ssl/" + dir, ssl_store_layout_dir(commands.size()));  // same order
+      const std::string command = "mkdir /data/data_velto/.ssl/" + dir;
+      commands.push_back(command + "|" + std::to_string(command.size()));
     }
+    EXPECT_EQ(commands, kora::fake::shell_calls);
+    EXPECT_EQ(nullptr, ssl_store_layout_dir(kTree.size()));
     EXPECT_EQ(ok, fs::exists("/data/data_velto/.ssl/keyblob/takey.blob"));
     size_t open = 0;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {

@@ -80,7 +80,7 @@ TEST_F(StorageTest, PskStoreFailureAndMissingArguments) {
     EXPECT_EQ(log.texts(), std::vector<std::string>{"Invalid input parameters!"});
     EXPECT_TRUE(log.has("Invalid input parameters!", kError));
   }
-  EXPECT_FALSE(file_exists(kTablePath));
+  EXPECT_FALSE(exists(kTablePath));
 }
 
 }  // namespace kora::test

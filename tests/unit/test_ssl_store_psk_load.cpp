@@ -1,5 +1,9 @@
+#include <malloc.h>
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,6 +15,22 @@ namespace kora::test {
 namespace {
 
 using Table = std::vector<std::pair<std::string, std::string>>;
+
+// OpenSSL's allocator with a watch on one block: whether it comes back wiped. Installed during
+// static initialisation, before OpenSSL allocates anything.
+const void* g_watched = nullptr;
+bool g_watched_came_back_wiped = false;
+void* plain_malloc(size_t n, const char* /*file*/, int /*line*/) { return std::malloc(n); }
+void* plain_realloc(void* p, size_t n, const char* /*file*/, int /*line*/) { return std::realloc(p, n); }
+void watching_free(void* p, const char* /*file*/, int /*line*/) {
+  if (p != nullptr && p == g_watched) {
+    const auto* bytes = static_cast<const unsigned char*>(p);
+    g_watched_came_back_wiped =
+        std::all_of(bytes, bytes + malloc_usable_size(p), [](unsigned char b) { return b == 0; });
+  }
+  std::free(p);
+}
+const bool g_allocator_watched = CRYPTO_set_mem_functions(&plain_malloc, &plain_realloc, &watching_free) == 1;
 
 class PskTest : public LoadingTest {
  protected:
@@ -82,6 +102,16 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   EXPECT_EQ(SSL_psk_table_load(hdl_, "/data/data_velto/.ssl/psk_table/absent", 256), -1);
   EXPECT_TRUE(log.has("ERROR: Reading psk info from cert loc failed!! \r\n", kError));
   EXPECT_EQ(record().psk_identify_key, before);
+}
+
+// The table holds keys: freeing the object hands it back wiped.
+TEST_F(PskTest, FreedObjectReleasesItsTableWiped) {
+  ASSERT_TRUE(g_allocator_watched);
+  install({{"id", "00112233445566778899aabbccddeeff"}});
+  g_watched = record().psk_identify_key;
+  ASSERT_EQ(ssl_obj_free(hdl_), 0);
+  hdl_ = 0;
+  EXPECT_TRUE(g_watched_came_back_wiped) << "the PSK table was freed without being wiped";
 }
 
 }  // namespace

@@ -8,6 +8,17 @@ std::string Args::value(const std::string& option) const {
   return it == values.end() ? std::string() : it->second;
 }
 
+bool parse_number(const std::string& text, int low, int high, int* out) {
+  const bool digits =
+      !text.empty() && text.size() <= 9 && text.find_first_not_of("0123456789") == std::string::npos;
+  const int number = digits ? std::stoi(text) : low - 1;
+  if (number < low || number > high) {
+    return false;
+  }
+  *out = number;
+  return true;
+}
+
 bool parse_args(const std::vector<std::string>& words, const OptionSpec& spec, Args* out, std::string* why) {
   bool options_end = false;
   for (size_t i = 0; i < words.size(); ++i) {

@@ -28,4 +28,7 @@ struct Args {
 // puts the reason in *why. "-v"/"--verbose" and "-h"/"--help" are accepted everywhere.
 bool parse_args(const std::vector<std::string>& words, const OptionSpec& spec, Args* out, std::string* why);
 
+// A decimal number from `low` to `high` (at most 9 digits, nothing else) into *out.
+bool parse_number(const std::string& text, int low, int high, int* out);
+
 }  // namespace kora::cli

@@ -1,11 +1,12 @@
 // Reading and checking the files given on the command line.
 #include "cli_input.h"
 
+#include "cli_chain.h"
+
 #include <openssl/crypto.h>
-#include <openssl/err.h>
-#include <openssl/pem.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +19,54 @@ FileBytes::~FileBytes() {
   }
 }
 
+namespace {
+
+// Standard input can be read once per run: a second "-" (or --pass stdin) would find it used up.
+bool g_stdin_taken = false;
+
+bool read_stdin(FileBytes* out, std::string* why) {
+  if (!claim_stdin(why)) {
+    return false;
+  }
+  std::vector<uint8_t>& bytes = out->bytes();
+  // Reserved up front so that growing never leaves an unwiped copy behind.
+  bytes.reserve(kMaxInputSize + 1);
+  uint8_t chunk[BUFSIZ];
+  size_t got = 0;
+  while ((got = std::fread(chunk, 1, sizeof chunk, stdin)) > 0 && bytes.size() <= kMaxInputSize) {
+    bytes.insert(bytes.end(), chunk, chunk + std::min(got, kMaxInputSize + 1 - bytes.size()));
+  }
+  OPENSSL_cleanse(chunk, sizeof chunk);
+  if (std::ferror(stdin) != 0) {
+    *why = "cannot read standard input";
+    return false;
+  }
+  if (bytes.empty()) {
+    *why = "standard input is empty";
+    return false;
+  }
+  if (bytes.size() > kMaxInputSize) {
+    *why = "standard input holds more than " + std::to_string(kMaxInputSize) + " bytes";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool claim_stdin(std::string* why) {
+  if (g_stdin_taken) {
+    *why = "standard input is already read for another input: give a file for this one";
+    return false;
+  }
+  g_stdin_taken = true;
+  return true;
+}
+
 bool read_input(const std::string& path, FileBytes* out, std::string* why) {
+  if (path == kStdioPath) {
+    return read_stdin(out, why);
+  }
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) {
     *why = "cannot read " + path + ": " + std::strerror(errno);
@@ -55,85 +103,8 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why) {
   return true;
 }
 
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
-    *why = "cannot create " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  const size_t put = std::fwrite(data, 1, size, f);
-  const bool ok = put == size && std::fflush(f) == 0;
-  if (std::fclose(f) != 0 || !ok) {
-    *why = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
-X509Ptr parse_certificate(const std::vector<uint8_t>& bytes) {
-  BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-  if (!bio) {
-    return nullptr;
-  }
-  X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-  if (!cert) {
-    const unsigned char* p = bytes.data();
-    cert.reset(d2i_X509(nullptr, &p, static_cast<long>(bytes.size())));
-  }
-  ERR_clear_error();
-  return cert;
-}
-
-EvpPkeyPtr parse_private_key(const std::vector<uint8_t>& bytes) {
-  BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-  if (!bio) {
-    return nullptr;
-  }
-  // No password callback: an encrypted key is refused rather than prompting.
-  char empty[] = "";
-  EvpPkeyPtr key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, empty));
-  if (!key) {
-    const unsigned char* p = bytes.data();
-    key.reset(d2i_AutoPrivateKey(nullptr, &p, static_cast<long>(bytes.size())));
-  }
-  ERR_clear_error();
-  return key;
-}
-
-int count_pem_certificates(const std::vector<uint8_t>& bytes) {
-  BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-  if (!bio) {
-    return -1;
-  }
-  int count = 0;
-  for (;;) {
-    X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-    if (!cert) {
-      break;
-    }
-    ++count;
-  }
-  // The loop ends at the end of the text (no start line found) or at a broken entry.
-  const unsigned long err = ERR_peek_last_error();
-  ERR_clear_error();
-  if (err != 0 && ERR_GET_REASON(err) != PEM_R_NO_START_LINE) {
-    return -1;
-  }
-  return count;
-}
-
 std::string subject_line(const X509* cert) {
-  if (cert == nullptr) {
-    return "(none)";
-  }
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  if (!bio || X509_NAME_print_ex(bio.get(), X509_get_subject_name(cert), 0,
-                                 XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB) < 0) {
-    return "(unprintable)";
-  }
-  char* data = nullptr;
-  const long len = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(len));
+  return cert == nullptr ? "(none)" : name_line(X509_get_subject_name(cert));
 }
 
 }  // namespace kora::cli

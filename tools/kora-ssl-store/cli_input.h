@@ -30,19 +30,16 @@ class FileBytes {
 // Credential files larger than this are refused: the store keeps each one whole in memory.
 inline constexpr size_t kMaxInputSize = 1u << 20;
 
-// Reads the whole file at `path`. False with the reason in *why (missing, a directory,
-// empty, too large).
-bool read_input(const std::string& path, FileBytes* out, std::string* why);
-// Writes `size` bytes to `path` (created or replaced). False with the reason in *why.
-bool write_output(const std::string& path, const uint8_t* data, size_t size, std::string* why);
+// The path that stands for standard input wherever the tool reads a file, and for standard
+// output wherever it writes one.
+inline constexpr const char* kStdioPath = "-";
 
-// A certificate in PEM or DER; null when the bytes hold none.
-X509Ptr parse_certificate(const std::vector<uint8_t>& bytes);
-// A private key in PEM (PKCS#8 or traditional) or DER; null when the bytes hold none.
-EvpPkeyPtr parse_private_key(const std::vector<uint8_t>& bytes);
-// Number of PEM certificates in a CA list; -1 when the text holds anything else that breaks
-// the list (the store hands it to OpenSSL as a PEM file).
-int count_pem_certificates(const std::vector<uint8_t>& bytes);
+// Reads the whole file at `path`, or standard input when `path` is "-". False with the reason
+// in *why (missing, a directory, empty, too large, standard input already used).
+bool read_input(const std::string& path, FileBytes* out, std::string* why);
+// Marks standard input as used by something other than read_input (a pass phrase). False
+// when it already is.
+bool claim_stdin(std::string* why);
 
 // "CN=dev, O=Kora" style one-line subject of a certificate.
 std::string subject_line(const X509* cert);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "cli_files.h"
 #include "cli_report.h"
 #include "commands.h"
 #include "ssl_store.h"
@@ -23,6 +24,9 @@ int load_key_material() {
   if (::stat(kKeyBlobFile, &st) != 0) {
     return fail(std::string("the store has no key blob (") + kKeyBlobFile +
                 " is missing): run 'kora-ssl-store init' to provision one");
+  }
+  if (const int rc = refuse_irregular_key_material(); rc != kExitOk) {
+    return rc;
   }
   const int status = ssl_store_generate_keyblob_store_in_securefs_file();
   if (status != KORA_OK) {

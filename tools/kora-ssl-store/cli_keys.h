@@ -1,12 +1,14 @@
 // Key material for the commands that seal or unseal credentials.
 #pragma once
 
+#include "ssl_store_layout.h"
+
 namespace kora::cli {
 
 // Where the store keeps its tree and its provisioned key blob on this device.
-inline constexpr const char* kDataRoot = "/data/data_velto/";
-inline constexpr const char* kStoreRoot = "/data/data_velto/.ssl/";
-inline constexpr const char* kKeyBlobFile = "/data/data_velto/.ssl/keyblob/takey.blob";
+inline constexpr const char* kDataRoot = KORA_STORE_DATA_ROOT;
+inline constexpr const char* kStoreRoot = KORA_STORE_ROOT;
+inline constexpr const char* kKeyBlobFile = KORA_STORE_KEYBLOB_FILE;
 
 // Loads the key blob and nonce that `init` provisioned into the store's memory. Only `init`
 // provisions: a store without a key blob is refused here rather than given a fresh one,

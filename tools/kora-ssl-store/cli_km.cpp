@@ -17,7 +17,6 @@
 #include "kora_host_km.h"
 #include "ssl_KM_crypto_services.h"
 #include "ssl_store.h"
-#include "ssl_store_internal.h"
 
 namespace kora::cli {
 namespace {
@@ -69,14 +68,16 @@ int probe_key_material() {
   void* opened = nullptr;
   size_t sealed_len = 0;
   size_t opened_len = 0;
-  const bool ok = store::key_material_available() &&
-                  ssl_KM_TA_crypto_services_encrypt_decrypt_data(gp_tz_keyblob, g_keyblob_len, gp_ta_nonceBuf,
-                                                                 probe, sizeof probe, &sealed, &sealed_len,
-                                                                 SSL_KM_DIRECTION_SEAL) == 0 &&
-                  ssl_KM_TA_crypto_services_encrypt_decrypt_data(gp_tz_keyblob, g_keyblob_len, gp_ta_nonceBuf,
-                                                                 sealed, sealed_len, &opened, &opened_len,
-                                                                 SSL_KM_DIRECTION_UNSEAL) == 0 &&
-                  opened_len == sizeof probe && CRYPTO_memcmp(opened, probe, sizeof probe) == 0;
+  const uint8_t* keyblob = nullptr;
+  const uint8_t* nonce = nullptr;
+  size_t keyblob_len = 0;
+  const bool ok =
+      ssl_store_key_material(&keyblob, &keyblob_len, &nonce) &&
+      ssl_KM_TA_crypto_services_encrypt_decrypt_data(keyblob, keyblob_len, nonce, probe, sizeof probe,
+                                                     &sealed, &sealed_len, SSL_KM_DIRECTION_SEAL) == 0 &&
+      ssl_KM_TA_crypto_services_encrypt_decrypt_data(keyblob, keyblob_len, nonce, sealed, sealed_len, &opened,
+                                                     &opened_len, SSL_KM_DIRECTION_UNSEAL) == 0 &&
+      opened_len == sizeof probe && CRYPTO_memcmp(opened, probe, sizeof probe) == 0;
   std::free(sealed);
   OPENSSL_clear_free(opened, opened_len);
   if (!ok) {

@@ -1,6 +1,7 @@
 // Name checks and the kind words of the command line.
 #include "cli_names.h"
 
+#include <cstdio>
 #include <iterator>
 
 namespace kora::cli {
@@ -23,16 +24,39 @@ std::string name_problem(const std::string& name) {
     return "it has " + std::to_string(name.size()) + " characters, at most " + std::to_string(kMaxNameLen) +
            " are allowed";
   }
-  if (name.find('\0') != std::string::npos) {
-    return "it contains a NUL byte";
+  for (const char c : name) {
+    if (c < ' ' || c > '~') {
+      return "it contains the byte " + escaped(std::string(1, c)) + ": only printable ASCII is allowed";
+    }
   }
   if (name.find('/') != std::string::npos) {
     return "it contains \"/\"";
   }
-  if (name.find("..") != std::string::npos) {
-    return "it contains \"..\"";
+  if (name == "." || name == "..") {
+    return "\"" + name + "\" names a directory";
   }
   return std::string();
+}
+
+std::string name_refusal(const std::string& name) {
+  const std::string why = name_problem(name);
+  return why.empty() ? why : "refusing name '" + escaped(name) + "': " + why;
+}
+
+std::string escaped(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c >= ' ' && c <= '~') {
+      out += c;
+    } else {
+      char hex[5];
+      (void)std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+      out += hex;
+    }
+  }
+  return out;
 }
 
 const Kind* kinds_begin() { return std::begin(kKinds); }
@@ -63,8 +87,8 @@ std::string target_problem(const std::string& kind_word, const std::string& name
   if (!found) {
     return "unknown kind '" + kind_word + "': use " + kind_words();
   }
-  if (const std::string why = name_problem(name); !why.empty()) {
-    return "refusing name '" + name + "': " + why;
+  if (std::string refusal = name_refusal(name); !refusal.empty()) {
+    return refusal;
   }
   *kind = *found;
   return "";

@@ -8,12 +8,19 @@
 
 namespace kora::cli {
 
-// The store appends a name to its directory as it is, so the tool refuses before the store
-// sees it: an empty name, more than 63 characters, a "/" or a "..".
+// The store appends a name to its directory as it is, so every command refuses, before the
+// store sees it, any name but 1 to 63 printable ASCII characters without "/", and "." and "..".
 inline constexpr size_t kMaxNameLen = 63;
 
 // Empty when `name` may be used, else why not (one phrase, e.g. "it contains \"/\"").
 std::string name_problem(const std::string& name);
+
+// Empty when `name` may be used, else the line that refuses it: "refusing name 'NAME': why".
+std::string name_refusal(const std::string& name);
+
+// `text` as it may be printed: printable ASCII as it is, a backslash doubled, any other byte
+// as \xHH. For every name that comes from the store or the command line.
+std::string escaped(const std::string& text);
 
 struct Kind {
   const char* word;   // "cert", "ca", "psk", "di"

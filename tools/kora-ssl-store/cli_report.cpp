@@ -103,14 +103,19 @@ int fail(const std::string& what) {
 }
 
 int fail_store(const std::string& what, int status) {
-  std::string line = what + ": store status " + std::to_string(status) + " (" + status_name(status) + ")";
-  const std::string last = diag_last_error();
-  if (!last.empty()) {
-    line += ": " + last;
+  std::string line = what;
+  if (diag_verbose()) {
+    line += ": store status " + std::to_string(status) + " (" + status_name(status) + ")";
+    if (const std::string last = diag_last_error(); !last.empty()) {
+      line += ": " + last;
+    }
   }
   // The key service's own reason, when its last call failed (a refused root key, say).
   if (const std::string km = kora_km_last_error(); !km.empty()) {
     line += " (key service: " + km + ")";
+  }
+  if (!diag_verbose()) {
+    line += " (run again with -v for the store's status and messages)";
   }
   return fail(line);
 }

@@ -21,8 +21,8 @@ void report_set_command(const std::string& command);
 
 // Prints "kora-ssl-store <command>: <what>" on stderr, returns kExitFailed.
 int fail(const std::string& what);
-// Like fail(), followed by the store's status: "<what>: store status -1 (KORA_ERROR): <last
-// store error message>".
+// Like fail(). With -v followed by the store's status: "<what>: store status -1 (KORA_ERROR):
+// <last store error message>"; without, by a pointer to -v.
 int fail_store(const std::string& what, int status);
 // A refused command line: "<what> (see 'kora-ssl-store <command> --help')", returns kExitUsage.
 int usage_error(const std::string& what);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cli_files.h"
 #include "cli_names.h"
 #include "cli_report.h"
 #include "commands.h"
@@ -33,14 +34,10 @@ Socket::~Socket() {
 }
 
 bool parse_port(const std::string& text, int* port, std::string* why) {
-  const bool digits =
-      !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos;
-  const int number = digits ? std::stoi(text) : 0;
-  if (number < 1 || number > 65535) {
+  if (!parse_number(text, 1, 65535, port)) {
     *why = "port '" + text + "' is not a number from 1 to 65535";
     return false;
   }
-  *port = number;
   return true;
 }
 
@@ -127,8 +124,11 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name) {
   const Kind* kind = find_kind(type);
   const char* title = kind != nullptr ? kind->title : "credential";
-  if (const std::string why = name_problem(name); !why.empty()) {
-    return usage_error("refusing name '" + name + "': " + why);
+  if (const std::string refusal = name_refusal(name); !refusal.empty()) {
+    return usage_error(refusal);
+  }
+  if (const int rc = refuse_irregular_credential(type, name); rc != kExitOk) {
+    return rc;
   }
   if (Is_SSL_cert_file_exist(name.c_str(), type) != KORA_OK) {
     return fail(std::string("no ") + title + " named '" + name + "' in the store");

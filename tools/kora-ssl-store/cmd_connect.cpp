@@ -47,9 +47,8 @@ int check_options(const Args& args, const std::string& host) {
   }
   for (const char* option : {"--cert", "--ca", "--psk"}) {
     if (args.has(option)) {
-      if (const std::string problem = name_problem(args.value(option)); !problem.empty()) {
-        return usage_error(std::string("refusing ") + option + " name '" + args.value(option) +
-                           "': " + problem);
+      if (const std::string refusal = name_refusal(args.value(option)); !refusal.empty()) {
+        return usage_error(std::string(option) + ": " + refusal);
       }
     }
   }

@@ -6,7 +6,9 @@
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -63,17 +65,19 @@ struct Material {
   PskPeer psk;
   std::string psk_text;
 
-  ~Material() { OPENSSL_cleanse(psk_text.data(), psk_text.size()); }
+  ~Material() {
+    OPENSSL_cleanse(psk_text.data(), psk_text.size());
+    OPENSSL_cleanse(psk.key.data(), psk.key.size());
+  }
 };
 
-std::string hex(const std::vector<unsigned char>& bytes) {
+// Appends in place: no temporary string holds the key's digits.
+void append_hex(std::string* out, const std::vector<unsigned char>& bytes) {
   static const char digits[] = "0123456789abcdef";
-  std::string out;
   for (unsigned char b : bytes) {
-    out.push_back(digits[b >> 4]);
-    out.push_back(digits[b & 0xf]);
+    out->push_back(digits[b >> 4]);
+    out->push_back(digits[b & 0xf]);
   }
-  return out;
 }
 
 void make_material(Material* m) {
@@ -102,8 +106,12 @@ void make_material(Material* m) {
     throw std::runtime_error("no random bytes for the PSK");
   }
   // A second entry shows the bar-quoted identity that may hold ":".
-  m->psk_text =
-      std::string(kPskIdentity) + ":" + hex(m->psk.key) + "\n|kora:demo:spare|:" + hex(spare) + "\r\n";
+  m->psk_text.reserve(256);  // never reallocated, so no copy of the text is left unwiped
+  m->psk_text.append(kPskIdentity).append(":");
+  append_hex(&m->psk_text, m->psk.key);
+  m->psk_text += "\n|kora:demo:spare|:";
+  append_hex(&m->psk_text, spare);
+  m->psk_text += "\r\n";
   OPENSSL_cleanse(spare.data(), spare.size());
 }
 
@@ -128,6 +136,55 @@ class Demo {
   std::vector<Row> rows_;
   bool stored_ok_ = true;
 };
+
+// SIGINT, SIGTERM and SIGHUP only record which one came. The demo looks between its steps
+// and, once one has come, skips to the clean-up a normal run ends with; so the clean-up runs
+// in ordinary context, where the store's calls and file removals are safe, and never races
+// a step that is half done. Each step is short (loopback handshakes with their own limits).
+volatile std::sig_atomic_t g_stop_signal = 0;
+
+extern "C" void note_stop_signal(int signo) { g_stop_signal = signo; }
+
+class StopSignals {
+ public:
+  StopSignals() {
+    struct sigaction action {};
+    action.sa_handler = &note_stop_signal;
+    action.sa_flags = SA_RESTART;
+    (void)sigemptyset(&action.sa_mask);
+    for (size_t i = 0; i < std::size(kSignals); ++i) {
+      (void)::sigaction(kSignals[i], &action, &saved_[i]);
+    }
+  }
+  ~StopSignals() {
+    for (size_t i = 0; i < std::size(kSignals); ++i) {
+      (void)::sigaction(kSignals[i], &saved_[i], nullptr);
+    }
+  }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  static bool stopped() { return g_stop_signal != 0; }
+
+ private:
+  static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+  struct sigaction saved_[std::size(kSignals)]{};
+};
+
+// Removes the demo's credentials by file, with their session files: after a failed store
+// (the lock stays held then) or an interrupted run.
+void remove_demo_files() {
+  for (const DemoName& d : kDemoNames) {
+    char path[512] = {0};
+    if (SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), false) == KORA_OK) {
+      (void)::remove(path);
+    }
+    if (d.type == KORA_NET_SSL_CERTIFICATE_E &&
+        SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), true) == KORA_OK) {
+      (void)::remove(path);
+    }
+    ssl_store_delete_binded_session_files(d.name, d.type);
+  }
+}
 
 std::string status_text(int status) {
   return "status " + std::to_string(status) + " (" + status_name(status) + ")";
@@ -347,13 +404,17 @@ int Demo::run() {
   if (!demo_names_free()) {
     return kExitFailed;
   }
+  const StopSignals signals;
   DemoHost host;
   std::string why;
   if (!host.prepare(&why)) {
     return fail(why);
   }
+  if (StopSignals::stopped()) {
+    return kExitFailed;  // the host is restored as `host` goes
+  }
   const int init = run_store_init_quietly();
-  row("initialise the store at /data/data_velto/", "ok", status_text(init), init == KORA_OK);
+  row("initialise the store at " KORA_STORE_DATA_ROOT, "ok", status_text(init), init == KORA_OK);
   if (init != KORA_OK) {
     print_table();
     return fail_store("initialising the store failed", init);
@@ -365,29 +426,35 @@ int Demo::run() {
     return fail(std::string("making the demo's certificates failed: ") + e.what());
   }
   row("make CA, wrong CA, server, client, DI certificates, PSK", "made", "made in memory", true);
-  store_all(m);
-  if (stored_ok_) {
-    handshake_certificates();
-    handshake_psk(m, TLS1_2_VERSION, "TLS 1.2");
-    handshake_psk(m, TLS1_3_VERSION, "TLS 1.3");
-    handshake_wrong_ca();
-    device_identity();
-    certificate_on_psk_object();
-    list_and_remove();
-  } else {
-    // The lock stays held after a failed store; remove what made it through by file.
-    for (const DemoName& d : kDemoNames) {
-      char path[512] = {0};
-      if (SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), false) == KORA_OK) {
-        (void)::remove(path);
-      }
-      if (d.type == KORA_NET_SSL_CERTIFICATE_E &&
-          SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), true) == KORA_OK) {
-        (void)::remove(path);
-      }
+  const std::function<void()> steps[] = {
+      [&] { handshake_certificates(); },
+      [&] { handshake_psk(m, TLS1_2_VERSION, "TLS 1.2"); },
+      [&] { handshake_psk(m, TLS1_3_VERSION, "TLS 1.3"); },
+      [&] { handshake_wrong_ca(); },
+      [&] { device_identity(); },
+      [&] { certificate_on_psk_object(); },
+      [&] { list_and_remove(); },
+  };
+  if (!StopSignals::stopped()) {
+    store_all(m);
+  }
+  for (const auto& step : steps) {
+    if (!stored_ok_ || StopSignals::stopped()) {
+      break;
     }
+    step();
+  }
+  const bool interrupted = StopSignals::stopped();
+  if (interrupted || !stored_ok_) {
+    remove_demo_files();
   }
   host.restore();
+  if (interrupted) {
+    for (const std::string& left : host.leftovers()) {
+      (void)std::fprintf(stderr, "kora-ssl-store demo: could not remove %s\n", left.c_str());
+    }
+    return fail("interrupted by signal " + std::to_string(g_stop_signal) + "; the host is left as found");
+  }
   print_table();
   bool all = true;
   for (const Row& r : rows_) {
@@ -414,7 +481,13 @@ int run_demo(const Args& args) {
     return usage_error("demo takes no arguments");
   }
   Demo demo;
-  return demo.run();
+  const int rc = demo.run();
+  if (const int signo = g_stop_signal; signo != 0) {
+    // Cleaned up: now end the way the signal asked, so that the caller sees it.
+    (void)std::signal(signo, SIG_DFL);
+    (void)std::raise(signo);
+  }
+  return rc;
 }
 
 }  // namespace kora::cli

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cli_input.h"
+#include "cli_output.h"
 #include "cli_report.h"
 #include "commands.h"
 #include "kora_net_ssl.h"
@@ -31,7 +32,7 @@ int run_der2pem(const Args& args) {
   }
   bool ok = true;
   if (args.positional.size() == 2) {
-    ok = write_output(args.positional[1], pem, static_cast<size_t>(pem_size), &why);
+    ok = write_output_file(args.positional[1], pem, static_cast<size_t>(pem_size), args.has("--force"), &why);
   } else {
     ok = std::fwrite(pem, 1, static_cast<size_t>(pem_size), stdout) == static_cast<size_t>(pem_size) &&
          std::fflush(stdout) == 0;

@@ -1,14 +1,41 @@
-// ls: the names stored for one kind or for every kind.
+// ls: every name stored for one kind or for every kind, sorted; with -l, their details.
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
+#include <vector>
 
+#include "cli_details.h"
+#include "cli_files.h"
+#include "cli_format.h"
 #include "cli_keys.h"
 #include "cli_names.h"
 #include "cli_report.h"
+#include "cli_stored.h"
 #include "commands.h"
-#include "kora_net_ssl.h"
 
 namespace kora::cli {
+namespace {
+
+// A certificate's names: those with a certificate file and those `csr` left with a key only.
+bool names_of(const Kind& kind, std::vector<std::string>* names, std::string* why) {
+  if (!stored_names(kind.type, false, names, why)) {
+    return false;
+  }
+  if (kind.type != KORA_NET_SSL_CERTIFICATE_E) {
+    return true;
+  }
+  std::vector<std::string> keys;
+  if (!stored_names(kind.type, true, &keys, why)) {
+    return false;
+  }
+  std::vector<std::string> all;
+  std::set_union(names->begin(), names->end(), keys.begin(), keys.end(), std::back_inserter(all));
+  names->swap(all);
+  return true;
+}
+
+}  // namespace
 
 int run_ls(const Args& args) {
   if (args.positional.size() > 1) {
@@ -24,25 +51,31 @@ int run_ls(const Args& args) {
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
+  const bool long_form = args.has("-l");
+  std::vector<Record> records;
+  int rc = kExitOk;
   for (const Kind* k = kinds_begin(); k != kinds_end(); ++k) {
     if (only && only->type != k->type) {
       continue;
     }
-    kora_Net_SSL_Cert_List_t list{};
-    const int n = SSL_cert_name_list(k->type, &list);
-    if (n < 0) {
-      return fail_store(std::string("listing the stored ") + k->title + "s failed", n);
+    std::vector<std::string> names;
+    std::string why;
+    if (!names_of(*k, &names, &why)) {
+      return fail(why);
     }
-    for (int i = 0; i < n && i < 10; ++i) {
-      std::printf("%-4s %s\n", k->word, list.name[i]);
-    }
-    if (n >= 10) {
-      (void)std::fprintf(
-          stderr, "kora-ssl-store ls: the store lists at most 10 names per kind; more %s names may exist\n",
-          k->word);
+    for (const std::string& name : names) {
+      Record r{*k, name, {}};
+      if (long_form &&
+          (refuse_irregular_credential(k->type, name) != kExitOk || !describe(*k, name, &r, &why))) {
+        // One unreadable credential does not hide the others.
+        (void)fail(display(why));
+        rc = kExitFailed;
+      }
+      records.push_back(std::move(r));
     }
   }
-  return kExitOk;
+  print_records(stdout, records, long_form, args.has("--json") ? Format::kJson : Format::kText);
+  return rc;
 }
 
 }  // namespace kora::cli

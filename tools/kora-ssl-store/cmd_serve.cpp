@@ -4,9 +4,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "cli_keys.h"
 #include "cli_report.h"
@@ -14,6 +18,40 @@
 #include "commands.h"
 
 namespace kora::cli {
+namespace {
+
+constexpr int kDefaultHandshakeSeconds = 10;
+
+// Clients are served one at a time: one that sends nothing, or a byte now and then, gets its
+// socket shut down once its handshake has taken `seconds`, and the next client is served.
+class HandshakeDeadline {
+ public:
+  HandshakeDeadline(int fd, int seconds)
+      : thread_([this, fd, seconds] {
+          std::unique_lock<std::mutex> lock(mutex_);
+          if (!over_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) {
+            (void)::shutdown(fd, SHUT_RDWR);
+          }
+        }) {}
+  ~HandshakeDeadline() {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    over_.notify_one();
+    thread_.join();
+  }
+  HandshakeDeadline(const HandshakeDeadline&) = delete;
+  HandshakeDeadline& operator=(const HandshakeDeadline&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable over_;
+  bool done_ = false;
+  std::thread thread_;  // last: starts once the members it uses exist
+};
+
+}  // namespace
 
 int run_serve(const Args& args) {
   if (args.positional.size() != 1) {
@@ -23,6 +61,11 @@ int run_serve(const Args& args) {
   int port = 0;
   if (!parse_port(args.positional[0], &port, &why)) {
     return usage_error(why);
+  }
+  int timeout = kDefaultHandshakeSeconds;
+  if (args.has("--timeout") && !parse_number(args.value("--timeout"), 1, 3600, &timeout)) {
+    return usage_error("--timeout '" + args.value("--timeout") +
+                       "' is not a number of seconds from 1 to 3600");
   }
   if (!args.has("--cert")) {
     return usage_error("serve needs --cert NAME: a server presents a certificate");
@@ -49,12 +92,13 @@ int run_serve(const Args& args) {
     }
   }
   int bound = 0;
-  Socket listener = tcp_listen("0.0.0.0", port, &bound, &why);
+  const std::string address = args.has("--bind") ? args.value("--bind") : "127.0.0.1";
+  Socket listener = tcp_listen(address, port, &bound, &why);
   if (listener.fd() < 0) {
     return fail(why);
   }
-  std::printf("listening on port %d with certificate '%s'%s\n", bound, args.value("--cert").c_str(),
-              verify ? ", client certificates required" : "");
+  std::printf("listening on port %d at %s with certificate '%s'%s\n", bound, address.c_str(),
+              args.value("--cert").c_str(), verify ? ", client certificates required" : "");
   (void)std::fflush(stdout);
 
   int failures = 0;
@@ -67,7 +111,13 @@ int run_serve(const Args& args) {
       return fail(std::string("accept failed: ") + std::strerror(errno));
     }
     diag_clear();
-    const int rc = ssl_conn_open(obj.hdl(), client.fd());
+    const timeval io_limit{timeout, 0};
+    (void)::setsockopt(client.fd(), SOL_SOCKET, SO_SNDTIMEO, &io_limit, sizeof io_limit);
+    int rc = 0;
+    {
+      const HandshakeDeadline deadline(client.fd(), timeout);
+      rc = ssl_conn_open(obj.hdl(), client.fd());
+    }
     ssl_conn_info_t info{};
     const bool have_info = ssl_conn_get_info(obj.hdl(), &info) == 0;
     const std::string verification =

@@ -25,6 +25,8 @@ struct Command {
 const std::vector<Command>& command_table();
 const Command* find_command(const std::string& name);
 void print_overview(FILE* out);
+// "kora-ssl-store 0.1.0 (OpenSSL 3.0.x ...)"
+void print_version(FILE* out);
 
 int run_init(const Args& args);
 int run_put(const Args& args);
@@ -34,5 +36,10 @@ int run_der2pem(const Args& args);
 int run_connect(const Args& args);
 int run_serve(const Args& args);
 int run_demo(const Args& args);
+int run_show(const Args& args);
+int run_csr(const Args& args);
+
+// put cert, called by run_put with the checked NAME.
+int put_cert(const Args& args, const std::string& name);
 
 }  // namespace kora::cli

@@ -12,17 +12,10 @@
 #include "cli_keys.h"
 #include "kora_host_km.h"
 #include "ssl_store.h"
+#include "ssl_store_layout.h"
 
 namespace kora::cli {
 namespace {
-
-// The store tree in creation order; removal runs backwards.
-const char* const kStoreDirs[] = {
-    "/data/data_velto/.ssl/",           "/data/data_velto/.ssl/certs/",
-    "/data/data_velto/.ssl/ca_lists/",  "/data/data_velto/.ssl/di_certs/",
-    "/data/data_velto/.ssl/psk_table/", "/data/data_velto/.ssl/private_keys/",
-    "/data/data_velto/.ssl/sessions/",  "/data/data_velto/.ssl/keyblob/",
-};
 
 bool exists(const std::string& path) {
   struct stat st {};
@@ -38,18 +31,22 @@ int remove_entry(const char* path, const struct stat* /*st*/, int /*flag*/, stru
 DemoHost::~DemoHost() { restore(); }
 
 bool DemoHost::prepare(std::string* why) {
-  for (const char* dir : {"/data", "/data/data_velto"}) {
+  // The data root's parent and the data root, named without the final "/".
+  const std::string data_root(kDataRoot, std::strlen(kDataRoot) - 1);
+  for (const std::string& dir : {data_root.substr(0, data_root.rfind('/')), data_root}) {
     if (exists(dir)) {
       continue;
     }
-    if (::mkdir(dir, 0755) != 0) {
-      *why = std::string("cannot create ") + dir + ": " + std::strerror(errno);
+    if (::mkdir(dir.c_str(), 0755) != 0) {
+      *why = "cannot create " + dir + ": " + std::strerror(errno);
       restore();
       return false;
     }
     created_dirs_.emplace_back(dir);
   }
-  for (const char* dir : kStoreDirs) {
+  // The store tree in creation order; removal runs backwards.
+  for (size_t i = 0; i < KORA_STORE_DIR_COUNT; ++i) {
+    const char* dir = ssl_store_layout_dir(i);
     if (!exists(dir)) {
       absent_store_dirs_.emplace_back(dir);
     }

@@ -1,4 +1,7 @@
 // kora-ssl-store: entry point. Global options, then one subcommand from the table.
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -9,6 +12,12 @@
 
 int main(int argc, char** argv) {
   using namespace kora::cli;
+  // Everything the tool or the store creates (the tree, the key blob, the plain scratch file
+  // of a CA load, output files) is for this user only.
+  (void)::umask(077);
+  // Every command may hold a private key, a PSK table or the store's key blob in memory: no
+  // core dump, no ptrace by other processes of this user.
+  (void)::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   // A peer that hangs up mid-write must give an error, not kill the tool.
   (void)std::signal(SIGPIPE, SIG_IGN);
 
@@ -18,6 +27,9 @@ int main(int argc, char** argv) {
   for (; i < words.size(); ++i) {
     if (words[i] == "-v" || words[i] == "--verbose") {
       verbose = true;
+    } else if (words[i] == "--version") {
+      print_version(stdout);
+      return kExitOk;
     } else if (words[i] == "-h" || words[i] == "--help") {
       print_overview(stdout);
       return kExitOk;

@@ -15,6 +15,7 @@
 
 #include "ossl_ptr.h"
 #include "ssl_store.h"
+#include "ssl_store_layout.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
@@ -22,11 +23,10 @@
 namespace kora::util {
 namespace {
 
-constexpr char kSessionDir[] = "/data/data_velto/.ssl/sessions/";
-constexpr char kSessionSuffix[] = ".session";
-constexpr char kTimestampSuffix[] = ".timestamp";
+constexpr char kSessionSuffix[] = KORA_STORE_SESSION_SUFFIX;
+constexpr char kTimestampSuffix[] = KORA_STORE_TIMESTAMP_SUFFIX;
 constexpr int kMaxSessionNumber = 9999;
-constexpr long kMaxSessionFileSize = 64 * 1024;
+constexpr long kMaxSessionFileSize = 64L * 1024;
 
 bool write_all(int fd, const void* data, size_t size) {
   const auto* p = static_cast<const uint8_t*>(data);
@@ -55,10 +55,13 @@ int write_file(const char* path, const void* data, size_t size) {
   return written && closed ? 0 : -1;
 }
 
-// "<dir><name>_<n><suffix>" into out; false when it does not fit.
+// The path of "<name>_<n><suffix>" in the sessions directory, from the store's resolver, into
+// out; false when it does not fit (the resolver takes file names of up to 63 characters).
 bool session_path(char* out, size_t len, const char* name, int n, const char* suffix) {
-  const int written = std::snprintf(out, len, "%s%s_%d%s", kSessionDir, name, n, suffix);
-  return written > 0 && static_cast<size_t>(written) < len;
+  char file_name[256];
+  const int written = std::snprintf(file_name, sizeof file_name, "%s_%d%s", name, n, suffix);
+  return written > 0 && static_cast<size_t>(written) < sizeof file_name &&
+         SSL_session_get_abs_path(file_name, out, static_cast<int>(len)) == KORA_OK;
 }
 
 // The .timestamp path of a .session path; false when `session` does not end in ".session".

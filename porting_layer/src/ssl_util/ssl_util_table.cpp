@@ -1,5 +1,7 @@
 // The table of SSL objects: records, the global lock, lookups, and object create/free.
 #include <glib.h>
+#include <malloc.h>
+#include <openssl/crypto.h>
 #include <openssl/x509.h>
 
 #include <cstdlib>
@@ -123,7 +125,11 @@ int destroy(ssl_obj_hdl_t hdl) {
   ssl.reset();
   ctx.reset();
   gbl_ssl_ctx_t& rec = g_ssl_ctxt[index];
-  std::free(rec.psk_identify_key);  // the PSK table belongs to the record
+  // The PSK table belongs to the record and holds keys. Its length is not kept with it: the
+  // whole allocation (a plain malloc, which CRYPTO_free hands back to free) is wiped.
+  if (rec.psk_identify_key != nullptr) {
+    OPENSSL_clear_free(rec.psk_identify_key, malloc_usable_size(rec.psk_identify_key));
+  }
   std::memset(&rec, 0, sizeof rec);
   ivra_mutex_unlock(&ssl_mutex);
   return 0;

@@ -1,11 +1,11 @@
-#include "ssl_store_log.h"
+#include "kora_log.h"
 
 #include <cstdarg>
 #include <cstdio>
 
-namespace kora::store {
+namespace kora::log {
 
-void log_message(const msg_const_type* site, const char* format, ...) {
+void message(const msg_const_type* site, const char* format, ...) {
   char buffer[512];
   va_list args;
   va_start(args, format);
@@ -15,4 +15,4 @@ void log_message(const msg_const_type* site, const char* format, ...) {
   msg_sprintf(site, buffer);
 }
 
-}  // namespace kora::store
+}  // namespace kora::log

@@ -1,0 +1,28 @@
+// show: one stored credential's details.
+#include <cstdio>
+#include <string>
+
+#include "cli_details.h"
+#include "cli_format.h"
+#include "cli_report.h"
+#include "cli_stored.h"
+#include "commands.h"
+
+namespace kora::cli {
+
+int run_show(const Args& args) {
+  Kind kind{};
+  std::string name;
+  if (const int rc = open_target(args, "show", &kind, &name); rc != kExitOk) {
+    return rc;
+  }
+  Record r;
+  std::string why;
+  if (!describe(kind, name, &r, &why)) {
+    return fail(display(why));
+  }
+  print_record(stdout, r, args.has("--json") ? Format::kJson : Format::kText);
+  return kExitOk;
+}
+
+}  // namespace kora::cli
