@@ -14,6 +14,7 @@
 #   interop   the TLS peers the interop tests run: GnuTLS tools, an MQTT broker, a TLS
 #             tunnel, curl
 #   cross     the 32-bit ARM cross compiler and qemu-user (host packages)
+#   guest     qemu-system-arm, cpio and jq for the ARM guest (scripts/system-armhf.sh)
 #   armhf     the armhf development libraries, through dpkg multiarch (adds the armhf
 #             architecture to dpkg when it is not there)
 #   all       every set above except cross and armhf
@@ -35,6 +36,7 @@ declare -A SETS=(
   [bench]="libbenchmark-dev"
   [interop]="gnutls-bin mosquitto stunnel4 curl"
   [cross]="gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user binutils-arm-linux-gnueabihf"
+  [guest]="qemu-system-arm cpio jq"
   [armhf]="libssl-dev:armhf libglib2.0-dev:armhf libjson-glib-dev:armhf libp11-kit-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf pkgconf:armhf"
 )
 
@@ -43,7 +45,7 @@ for arg in "${@:-build}"; do
   case "$arg" in
     -h | --help) usage; exit 0 ;;
     all) requested+=(build analysis valgrind fuzz bench interop) ;;
-    build | analysis | valgrind | fuzz | bench | interop | cross | armhf) requested+=("$arg") ;;
+    build | analysis | valgrind | fuzz | bench | interop | cross | guest | armhf) requested+=("$arg") ;;
     *) echo "deps.sh: unknown set '$arg'" >&2; usage >&2; exit 2 ;;
   esac
 done

@@ -128,6 +128,17 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   EXPECT_EQ(cli("ls").out, "");
 }
 
+// Power lost between a certificate's two files leaves one: rm removes either half cleanly.
+TEST_F(Cli, RemovesEitherHalfOfACertificateThatACutLeft) {
+  provision();
+  ASSERT_EQ(::unlink((kStore + "private_keys/srv").c_str()) | ::unlink((kStore + "certs/cli").c_str()), 0);
+  for (const char* command : {"rm cert srv", "rm cert cli"}) {
+    const Result r = cli(command);
+    EXPECT_EQ(r.code, 0) << command << ": " << r.err;
+  }
+  EXPECT_FALSE(fs::exists(kStore + "certs/srv") || fs::exists(kStore + "private_keys/cli"));
+}
+
 TEST_F(Cli, ServeAndConnectAuthenticateEachOtherWithStoredCredentials) {
   provision();
   int port = 0;

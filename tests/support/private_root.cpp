@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -75,6 +76,27 @@ std::string build_root(const std::string& staging) {
   return {};
 }
 
+// The store's file system at `path`: a fresh tmpfs, or, when KORA_TEST_STORE_MOUNT names a
+// mounted directory (a UBIFS or JFFS2 volume), a new empty directory on it bound in place.
+// Those directories are left behind for the caller to inspect and clear.
+std::string mount_store_fs(const std::string& path) {
+  const char* base = std::getenv("KORA_TEST_STORE_MOUNT");
+  if (base == nullptr || base[0] == '\0') {
+    return mount_tmpfs(path, "mode=0755");
+  }
+  std::string dir = std::string(base) + "/store-XXXXXX";
+  if (mkdtemp(dir.data()) == nullptr) {
+    return errno_text("mkdtemp " + dir);
+  }
+  if (chmod(dir.c_str(), 0755) != 0) {
+    return errno_text("chmod " + dir);
+  }
+  if (mount(dir.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    return errno_text("bind " + dir + " at " + path);
+  }
+  return {};
+}
+
 }  // namespace
 
 std::string mount_tmpfs(const std::string& path, const std::string& options) {
@@ -104,8 +126,8 @@ std::string enter_private_store_root() {
   }
   struct stat st {};
   if (stat("/data", &st) == 0 && S_ISDIR(st.st_mode)) {
-    // The host has a /data: hide it behind a tmpfs in this namespace only.
-    if (std::string why = mount_tmpfs("/data", "mode=0755"); !why.empty()) {
+    // The host has a /data: hide it behind the store's file system in this namespace only.
+    if (std::string why = mount_store_fs("/data"); !why.empty()) {
       return why;
     }
   } else {
@@ -117,7 +139,7 @@ std::string enter_private_store_root() {
     if (std::string why = build_root(staging); !why.empty()) {
       return why;
     }
-    if (std::string why = mount_tmpfs(staging + "/data", "mode=0755"); !why.empty()) {
+    if (std::string why = mount_store_fs(staging + "/data"); !why.empty()) {
       return why;
     }
     if (chdir(staging.c_str()) != 0 || chroot(".") != 0) {

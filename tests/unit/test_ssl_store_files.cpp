@@ -103,13 +103,14 @@ TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
 
 TEST(Files, BoundSessionFilesRemovedByPrefix) {
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/sessions"));
-  const std::string l246(246, 'l');  // the full path is cut at 256 bytes: its file is not reached
+  // A 254-byte name (the longest JFFS2 allows) whose full path is cut at 256 bytes: not reached.
+  const std::string l245(245, 'l');
   const std::vector<std::string> removed = {"abc_1.session", "abc_1.timestamp", "abc_def_7.session"};
-  const std::vector<std::string> kept = {"abc_x.der", "abcd_1.session", "abc.session", l246 + "_.session"};
+  const std::vector<std::string> kept = {"abc_x.der", "abcd_1.session", "abc.session", l245 + "_.session"};
   for (const auto& name : removed) put(kSessions + name, "s");
   for (const auto& name : kept) put(kSessions + name, "s");
   ssl_store_delete_binded_session_files("abc", KORA_NET_SSL_CERTIFICATE_E);
-  ssl_store_delete_binded_session_files(l246.c_str(), KORA_NET_SSL_CERTIFICATE_E);
+  ssl_store_delete_binded_session_files(l245.c_str(), KORA_NET_SSL_CERTIFICATE_E);
   for (const auto& name : removed) EXPECT_FALSE(exists(kSessions + name)) << name;
   for (const auto& name : kept) EXPECT_TRUE(exists(kSessions + name)) << name;
 }
