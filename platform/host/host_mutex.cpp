@@ -14,6 +14,7 @@
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +24,7 @@
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "ivra_mutex.h"
 #include "msg_diag.h"
@@ -60,8 +62,11 @@ long holder_pid(int fd) {
   if (::fstat(fd, &st) != 0) {
     return 0;
   }
+  // Private tmpfs mounts hand out the same inode numbers, so the device must match too.
+  char here[64];
+  (void)std::snprintf(here, sizeof here, "%02x:%02x:%lu", major(st.st_dev), minor(st.st_dev),
+                      static_cast<unsigned long>(st.st_ino));
   std::ifstream locks("/proc/locks");
-  const std::string inode_tail = ":" + std::to_string(st.st_ino);
   for (std::string line; std::getline(locks, line);) {
     // "1: FLOCK  ADVISORY  WRITE 4242 00:2d:1234 0 EOF"
     char kind[16] = {};
@@ -70,9 +75,7 @@ long holder_pid(int fd) {
     if (std::sscanf(line.c_str(), "%*[^:]: %15s %*s %*s %ld %63s", kind, &pid, where) != 3) {
       continue;
     }
-    const std::string device_inode(where);
-    if (std::string(kind) == "FLOCK" && device_inode.size() > inode_tail.size() &&
-        device_inode.compare(device_inode.size() - inode_tail.size(), inode_tail.size(), inode_tail) == 0) {
+    if (std::string_view(kind) == "FLOCK" && std::string_view(where) == here) {
       return pid;
     }
   }
