@@ -13,7 +13,8 @@ export PATH=/bin:/sbin:/usr/bin:/usr/sbin
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
-mount -t tmpfs tmpfs /tmp
+# /tmp stays on the initramfs: a build made under /tmp keeps its programs there.
+chmod 1777 /tmp
 mount -t debugfs debugfs /sys/kernel/debug
 ip link set lo up
 param() { tr ' ' '\n' </proc/cmdline | sed -n "s/^kora\.$1=//p" | tr ',' ' '; }
