@@ -138,6 +138,10 @@ for prog in bin/busybox usr/bin/openssl usr/sbin/ubiattach usr/sbin/ubidetach us
 done
 put_elf "$(readlink -f "${libroot}/lib/ld-linux-armhf.so.3")" /lib/ld-linux-armhf.so.3
 ln -s busybox "$STAGE/bin/sh"
+# The openssl tool reads its configuration from its package's place (the key-form cases run it).
+mkdir -p "$STAGE/etc/ssl" "$STAGE/usr/lib/ssl"
+cp "$GUEST/pkgroot/etc/ssl/openssl.cnf" "$STAGE/etc/ssl/openssl.cnf"
+ln -s /etc/ssl/openssl.cnf "$STAGE/usr/lib/ssl/openssl.cnf"
 ln -s "$BUILD/tests/kora_power_cut" "$STAGE/kora/power_cut"
 if [ -n "$libroot" ]; then
   # Programs built against the sysroot look for their loader and libraries under its path.
