@@ -138,6 +138,14 @@ for prog in bin/busybox usr/bin/openssl usr/sbin/ubiattach usr/sbin/ubidetach us
 done
 put_elf "$(readlink -f "${libroot}/lib/ld-linux-armhf.so.3")" /lib/ld-linux-armhf.so.3
 ln -s busybox "$STAGE/bin/sh"
+# OpenSSL's legacy provider, which the cases with old PKCS#12 ciphers load.
+for dir in "$libroot/usr/lib/$TRIPLE/ossl-modules" "$GUEST/pkgroot/usr/lib/$TRIPLE/ossl-modules"; do
+  if [ -e "$dir/legacy.so" ]; then
+    put_elf "$(readlink -f "$dir/legacy.so")" "/usr/lib/$TRIPLE/ossl-modules/legacy.so"
+    add_libraries "$dir/legacy.so"
+    break
+  fi
+done
 # The openssl tool reads its configuration from its package's place (the key-form cases run it).
 mkdir -p "$STAGE/etc/ssl" "$STAGE/usr/lib/ssl"
 cp "$GUEST/pkgroot/etc/ssl/openssl.cnf" "$STAGE/etc/ssl/openssl.cnf"
