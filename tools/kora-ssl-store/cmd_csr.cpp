@@ -25,9 +25,6 @@
 namespace kora::cli {
 namespace {
 
-using X509ReqPtr = std::unique_ptr<X509_REQ, Free<&X509_REQ_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, Free<&X509_NAME_free>>;
-
 constexpr const char* kDefaultKey = "ec:P-256";
 constexpr char kRdnSeparator = '/';
 constexpr char kEscape = '\\';
