@@ -80,7 +80,16 @@ const Kind* find_kind(kora_Net_SSL_Cert_Type_t type) {
   return nullptr;
 }
 
-std::string kind_words() { return "cert, ca, psk or di"; }
+std::string kind_words() {
+  std::string words;
+  for (const Kind* k = kinds_begin(); k != kinds_end(); ++k) {
+    words += k == kinds_begin() ? "" : k + 1 == kinds_end() ? " or " : ", ";
+    words += k->word;
+  }
+  return words;
+}
+
+std::string kind_option(kora_Net_SSL_Cert_Type_t type) { return std::string("--") + find_kind(type)->word; }
 
 std::string target_problem(const std::string& kind_word, const std::string& name, Kind* kind) {
   const std::optional<Kind> found = parse_kind(kind_word);

@@ -36,6 +36,9 @@ std::optional<Kind> parse_kind(const std::string& word);
 const Kind* find_kind(kora_Net_SSL_Cert_Type_t type);
 // "cert, ca, psk or di"
 std::string kind_words();
+// The option that names a stored credential of `type` for connect and serve: "--" and its
+// kind word ("--cert", "--ca", "--psk").
+std::string kind_option(kora_Net_SSL_Cert_Type_t type);
 // The KIND and NAME words that put and rm start with: empty with *kind set, else why they
 // are refused (one line for a usage error).
 std::string target_problem(const std::string& kind_word, const std::string& name, Kind* kind);
