@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cli_format.h"
 #include "cli_keys.h"
 #include "cli_names.h"
 #include "cli_report.h"

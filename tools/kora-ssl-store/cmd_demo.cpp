@@ -370,7 +370,7 @@ void Demo::list_and_remove() {
   }
   std::printf("stored by the demo:\n");
   for (const DemoName& d : kDemoNames) {
-    std::printf("  %-4s %s\n", find_kind(d.type)->word, d.name);
+    std::printf("  %-*s %s\n", kKindWordWidth, find_kind(d.type)->word, d.name);
   }
   const int expected = static_cast<int>(std::size(kDemoNames));
   row("list the stored names", std::to_string(expected) + " listed", std::to_string(listed) + " listed",

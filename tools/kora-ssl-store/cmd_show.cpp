@@ -18,7 +18,7 @@ int run_show(const Args& args) {
   Record r;
   std::string why;
   if (!describe(t.kind, t.name, &r, &why)) {
-    return fail(display(why));
+    return fail(escaped(why));
   }
   print_record(stdout, r, args.has("--json") ? Format::kJson : Format::kText);
   return kExitOk;
