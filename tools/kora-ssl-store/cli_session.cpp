@@ -3,6 +3,8 @@
 
 #include <openssl/x509.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 namespace kora::cli {
@@ -14,6 +16,8 @@ constexpr int kClientFirstWaitMs = 1000;
 constexpr size_t kMaxRequestBytes = 8192;
 // Read size for the client's first words.
 constexpr size_t kReadChunkBytes = 1024;
+// A client whose first words start with one of these spoke HTTP.
+constexpr std::string_view kHttpMethods[] = {"GET ", "HEAD ", "POST "};
 
 }  // namespace
 
@@ -77,13 +81,10 @@ void answer_client(ssl_obj_hdl_t hdl, const std::string& line) {
     request.append(buf, static_cast<size_t>(n));
   }
   std::string reply = line + "\n";
-  for (const std::string_view method : {"GET ", "HEAD ", "POST "}) {
-    if (std::string_view(request).substr(0, method.size()) == method) {
-      reply =
-          "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(reply.size()) +
-          "\r\nConnection: close\r\n\r\n" + reply;
-      break;
-    }
+  const auto starts_request = [&request](std::string_view method) { return request.rfind(method, 0) == 0; };
+  if (std::any_of(std::begin(kHttpMethods), std::end(kHttpMethods), starts_request)) {
+    reply = "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(reply.size()) +
+            "\r\nConnection: close\r\n\r\n" + reply;
   }
   (void)ssl_conn_write(hdl, reply.data(), static_cast<int>(reply.size()));
 }

@@ -42,10 +42,10 @@ int check_options(const Args& args, const std::string& host) {
                                         : "give --ca NAME to verify " + host + ", or --insecure to skip it");
   }
   for (const kora_Net_SSL_Cert_Type_t type : kCredentialKinds) {
-    const std::string option = kind_option(type);
+    std::string option = kind_option(type);
     if (args.has(option)) {
       if (const std::string refusal = name_refusal(args.value(option)); !refusal.empty()) {
-        return usage_error(option + ": " + refusal);
+        return usage_error(option.append(": ").append(refusal));
       }
     }
   }
