@@ -8,12 +8,11 @@
 
 #include <openssl/ssl.h>
 
-#include <openssl/crypto.h>
-
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 
+#include "secure_bytes.h"
+#include "ssl_store.h"
 #include "ssl_util.h"
 
 namespace kora::util {
@@ -28,21 +27,15 @@ struct Slot {
   char peer_alert[64] = {};     // the last alert the peer sent on the connection, "" for none
 };
 
-// The plain bytes of a sealed file as the store's read call hands them out (malloc'd), wiped and
-// freed when this goes.
-struct StoredFile {
-  void* ptr = nullptr;
+// Reads and unseals the stored file at `path` into *out (whatever the store's read call hands
+// out, on failure too); the call's status.
+inline int read_stored_file(const char* path, SecureBytes* out) {
+  void* data = nullptr;
   size_t size = 0;
-  StoredFile() = default;
-  StoredFile(const StoredFile&) = delete;
-  StoredFile& operator=(const StoredFile&) = delete;
-  ~StoredFile() {
-    if (ptr != nullptr) {
-      OPENSSL_cleanse(ptr, size);
-      std::free(ptr);
-    }
-  }
-};
+  const int status = ssl_store_cert_read_decrypt_from_file(path, &data, &size);
+  *out = SecureBytes::adopt(data, size);
+  return status;
+}
 
 // The slot of each record of g_ssl_ctxt, same index.
 Slot& slot_at(int index);
