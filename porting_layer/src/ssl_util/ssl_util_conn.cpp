@@ -132,13 +132,11 @@ int conn_open(ssl_obj_hdl_t hdl, int fd) {
     UTIL_LOG_ERROR("ssl_conn_open: invalid socket %d\n", fd);
     return SSL_UTIL_ERR_INVALID;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_conn_open: unknown handle %u\n", hdl);
+  SlotLock lock(hdl, "ssl_conn_open");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   SSL* ssl = nullptr;
   const int status = attach(index, fd, &ssl);
   const bool client = slot_at(index).role == SSL_OBJ_ROLE_CLIENT;

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ivra_lock.h"
 #include "secure_bytes.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
@@ -42,6 +43,22 @@ Slot& slot_at(int index);
 
 // Index of the slot holding `hdl`, or -1.
 int find_slot(ssl_obj_hdl_t hdl);
+
+// ssl_mutex held over the slot of a handle. When the handle names no object, the lock is
+// released again and "<call>: unknown handle <hdl>" logged (after the release): found() is
+// false and the caller returns SSL_UTIL_ERR_INVALID.
+class SlotLock {
+ public:
+  SlotLock(ssl_obj_hdl_t hdl, const char* call);
+  bool found() const { return index_ >= 0; }
+  int index() const { return index_; }
+  // Releases before the scope ends (a handshake, or a free, runs without the lock).
+  void unlock() { lock_.unlock(); }
+
+ private:
+  IvraLock lock_;
+  int index_;
+};
 
 // Client side, under ssl_mutex: hands the session marked in the record's `sess` to a new
 // connection, unless its files are missing or it has expired.

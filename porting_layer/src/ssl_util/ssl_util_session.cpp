@@ -167,13 +167,11 @@ int set_resume(ssl_obj_hdl_t hdl, const char* session_file) {
     UTIL_LOG_ERROR("ssl_session_set_resume: session path too long\n");
     return SSL_UTIL_ERR_INVALID;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_session_set_resume: unknown handle %u\n", hdl);
+  const SlotLock lock(hdl, "ssl_session_set_resume");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   (void)g_strlcpy(g_ssl_ctxt[index].sess, value, sizeof g_ssl_ctxt[index].sess);
   return 0;
 }

@@ -24,13 +24,11 @@ int set_protocol_bounds(ssl_obj_hdl_t hdl, int min_version, int max_version) {
     UTIL_LOG_ERROR("ssl_obj_set_protocol_bounds: unsupported bounds 0x%x..0x%x\n", min_version, max_version);
     return SSL_UTIL_ERR_INVALID;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_obj_set_protocol_bounds: unknown handle %u\n", hdl);
+  const SlotLock lock(hdl, "ssl_obj_set_protocol_bounds");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   SSL_CTX* ctx = slot_at(index).ctx.load();
   int status = 0;
   if (SSL_CTX_set_min_proto_version(ctx, min_version) != 1 ||
@@ -78,13 +76,11 @@ int set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_
     log_ssl_internal_error_impl(__func__, __LINE__);
     return SSL_UTIL_ERR_FAILED;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_obj_set_ciphers: unknown handle %u\n", hdl);
+  const SlotLock lock(hdl, "ssl_obj_set_ciphers");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   SSL_CTX* ctx = slot_at(index).ctx.load();
   int status = 0;
   if ((tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1) ||
@@ -100,13 +96,11 @@ int set_verify(ssl_obj_hdl_t hdl, int mode) {
     UTIL_LOG_ERROR("ssl_obj_set_verify: invalid verify mode 0x%x\n", mode);
     return SSL_UTIL_ERR_INVALID;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_obj_set_verify: unknown handle %u\n", hdl);
+  const SlotLock lock(hdl, "ssl_obj_set_verify");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   SSL_CTX_set_verify(slot_at(index).ctx.load(), mode, nullptr);
   return 0;
 }
@@ -119,13 +113,11 @@ int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), s
     UTIL_LOG_ERROR("%s: value too long\n", call);
     return SSL_UTIL_ERR_INVALID;
   }
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("%s: unknown handle %u\n", call, hdl);
+  const SlotLock lock(hdl, call);
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   (void)g_strlcpy(field(slot_at(index)), text, size);
   return 0;
 }

@@ -68,6 +68,13 @@ int find_slot(ssl_obj_hdl_t hdl) {
   return -1;
 }
 
+SlotLock::SlotLock(ssl_obj_hdl_t hdl, const char* call) : lock_(&ssl_mutex), index_(find_slot(hdl)) {
+  if (index_ < 0) {
+    lock_.unlock();
+    UTIL_LOG_ERROR("%s: unknown handle %u\n", call, hdl);
+  }
+}
+
 int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
   if (hdl == nullptr || (role != SSL_OBJ_ROLE_CLIENT && role != SSL_OBJ_ROLE_SERVER)) {
     UTIL_LOG_ERROR("ssl_obj_create: invalid role or null handle pointer\n");
@@ -108,13 +115,11 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
 }
 
 int destroy(ssl_obj_hdl_t hdl) {
-  IvraLock lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    lock.unlock();
-    UTIL_LOG_ERROR("ssl_obj_free: unknown handle %u\n", hdl);
+  const SlotLock lock(hdl, "ssl_obj_free");
+  if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   Slot& slot = g_slots[index];
   slot.handle.store(0, std::memory_order_release);
   SslPtr ssl(slot.ssl.exchange(nullptr));
