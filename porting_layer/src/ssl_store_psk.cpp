@@ -67,7 +67,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
   for (;;) {
     // Identity, up to ":" (or "|" followed by ":" in bar mode).
     uint8_t* ppsk = pti;
-    pti += 2;
+    pti += KORA_PSK_TABLE_LENGTH_SIZE;
     bool is_bar_start = false;
     size_t eSize = 0;
     for (;;) {
@@ -99,7 +99,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
     }
     kora_psk_put16(ppsk, static_cast<uint16_t>(eSize));
     ppsk = pti;
-    pti += 2;
+    pti += KORA_PSK_TABLE_LENGTH_SIZE;
 
     // Key: two hexadecimal digits per byte, high half first.
     size_t key_bytes = 0;
