@@ -45,7 +45,8 @@ int psk_table_load(ssl_obj_hdl_t hdl, const char* file_path) {
   // The record owns the table from here until the next load replaces it (or the object
   // layer releases the record).
   if (g_ssl_ctxt[index].psk_identify_key != nullptr) {
-    kora_psk_table_free(g_ssl_ctxt[index].psk_identify_key);
+    // Legacy: the replaced table goes back to free() as it is, unwiped (ssl_obj_free wipes).
+    free(g_ssl_ctxt[index].psk_identify_key);
   }
   g_ssl_ctxt[index].psk_identify_key = static_cast<char*>(buffer);
 
