@@ -171,9 +171,8 @@ int set_resume(ssl_obj_hdl_t hdl, const char* session_file) {
   if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
-  const int index = lock.index();
-  (void)g_strlcpy(g_ssl_ctxt[index].sess, value, sizeof g_ssl_ctxt[index].sess);
-  return 0;
+  (void)g_strlcpy(g_ssl_ctxt[lock.index()].sess, value, sizeof gbl_ssl_ctx_t{}.sess);
+  return SSL_UTIL_OK;
 }
 
 }  // namespace

@@ -28,15 +28,13 @@ int set_protocol_bounds(ssl_obj_hdl_t hdl, int min_version, int max_version) {
   if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
-  const int index = lock.index();
-  SSL_CTX* ctx = slot_at(index).ctx.load();
-  int status = 0;
+  SSL_CTX* ctx = slot_at(lock.index()).ctx.load();
   if (SSL_CTX_set_min_proto_version(ctx, min_version) != 1 ||
       SSL_CTX_set_max_proto_version(ctx, max_version) != 1) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    status = SSL_UTIL_ERR_FAILED;
+    return SSL_UTIL_ERR_FAILED;
   }
-  return status;
+  return SSL_UTIL_OK;
 }
 
 // True when every name of a TLS 1.3 suite list is a suite OpenSSL knows. OpenSSL itself skips
@@ -80,15 +78,13 @@ int set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_
   if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
-  const int index = lock.index();
-  SSL_CTX* ctx = slot_at(index).ctx.load();
-  int status = 0;
+  SSL_CTX* ctx = slot_at(lock.index()).ctx.load();
   if ((tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1) ||
       (tls13_suites != nullptr && SSL_CTX_set_ciphersuites(ctx, tls13_suites) != 1)) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    status = SSL_UTIL_ERR_FAILED;
+    return SSL_UTIL_ERR_FAILED;
   }
-  return status;
+  return SSL_UTIL_OK;
 }
 
 int set_verify(ssl_obj_hdl_t hdl, int mode) {
@@ -100,9 +96,8 @@ int set_verify(ssl_obj_hdl_t hdl, int mode) {
   if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
-  const int index = lock.index();
-  SSL_CTX_set_verify(slot_at(index).ctx.load(), mode, nullptr);
-  return 0;
+  SSL_CTX_set_verify(slot_at(lock.index()).ctx.load(), mode, nullptr);
+  return SSL_UTIL_OK;
 }
 
 // Copies `value` (null: "") into the slot field chosen by `field`; -2 when too long or unknown.
@@ -117,9 +112,8 @@ int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), s
   if (!lock.found()) {
     return SSL_UTIL_ERR_INVALID;
   }
-  const int index = lock.index();
-  (void)g_strlcpy(field(slot_at(index)), text, size);
-  return 0;
+  (void)g_strlcpy(field(slot_at(lock.index())), text, size);
+  return SSL_UTIL_OK;
 }
 
 }  // namespace
