@@ -119,8 +119,8 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   r = cli("init");
   EXPECT_NE(r.out.find("existing key material loaded"), std::string::npos);
   EXPECT_EQ(r.err, "");
-  cli_all({"put cert srv --cert server.pem --key server.key", "put ca roots ca.pem", "put di ident server.der",
-           "put psk lab psk.txt"});
+  cli_all({"put cert srv --cert server.pem --key server.key", "put ca roots ca.pem",
+           "put di ident server.der", "put psk lab psk.txt"});
   EXPECT_EQ(slurp(kStore + "private_keys/srv").find("PRIVATE KEY"), std::string::npos);
   EXPECT_EQ(slurp(kStore + "ca_lists/roots").find("BEGIN CERTIFICATE"), std::string::npos);
   EXPECT_EQ(slurp(kStore + "psk_table/lab").find("dev1"), std::string::npos);
@@ -156,12 +156,13 @@ TEST_F(Cli, ServeAndConnectAuthenticateEachOtherWithStoredCredentials) {
 // Makes a leaf for 127.0.0.1 signed by the test CA, with its key in k.pem made by `genpkey`
 // (algorithm options), then runs `rest`.
 Result leaf_then(const std::string& genpkey, const std::string& rest) {
-  return shell("set -e; openssl genpkey " + genpkey +
-               " -out k.pem 2>/dev/null; printf 'subjectAltName=IP:127.0.0.1\\n' >san.ext;"
-               "openssl req -new -key k.pem -subj /CN=leaf -out x.csr;"
-               "openssl x509 -req -in x.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 5 -extfile san.ext "
-               "-out x.pem 2>/dev/null; openssl x509 -in x.pem -outform DER -out x.der; echo pw >pw.txt;" +
-               rest);
+  return shell(
+      "set -e; openssl genpkey " + genpkey +
+      " -out k.pem 2>/dev/null; printf 'subjectAltName=IP:127.0.0.1\\n' >san.ext;"
+      "openssl req -new -key k.pem -subj /CN=leaf -out x.csr;"
+      "openssl x509 -req -in x.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 5 -extfile san.ext "
+      "-out x.pem 2>/dev/null; openssl x509 -in x.pem -outform DER -out x.der; echo pw >pw.txt;" +
+      rest);
 }
 const char* const kP256 = "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
 
@@ -178,7 +179,8 @@ class CliKeyForm : public Cli, public ::testing::WithParamInterface<KeyForm> {};
 // Whatever form put accepts, the store's loader reads back: the handshake proves it.
 TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
   provision();
-  const Result r = leaf_then(GetParam().genpkey, GetParam().convert + std::string(" $KORA put cert x ") + GetParam().put);
+  const Result r =
+      leaf_then(GetParam().genpkey, GetParam().convert + std::string(" $KORA put cert x ") + GetParam().put);
   if (GetParam().legacy_cipher && r.err.find("legacy provider is not installed") != std::string::npos) {
     GTEST_SKIP() << r.err;  // the tool's OpenSSL (an emulated one, say) lacks the legacy provider
   }
@@ -225,7 +227,6 @@ const KeyForm kKeyForms[] = {
      "--p12 key --pass pass:pw", "RSA 2048", true},
 };
 INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
-
 
 TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   ASSERT_EQ(cli("init").code, 0);
@@ -373,9 +374,10 @@ const Refusal kRefusals[] = {
     {"p12_wrong_pass", true,
      "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out p; $KORA put cert x --p12 p --pass pass:no",
      1, "the pass phrase does not open p"},
-    {"stdin_twice", true, "cat x.pem | $KORA put cert x --cert - --key -", 1, "standard input is already read"},
-    {"der_with_trailing_bytes", true, "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem", 1,
-     "use PEM for a chain"},
+    {"stdin_twice", true, "cat x.pem | $KORA put cert x --cert - --key -", 1,
+     "standard input is already read"},
+    {"der_with_trailing_bytes", true, "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem",
+     1, "use PEM for a chain"},
     {"chain_leaf_not_first", true, "put cert x --cert chain_reversed.pem --key server.key", 1,
      "is not the private key of the first certificate"},
     {"pass_source_unknown", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
@@ -389,7 +391,6 @@ const Refusal kRefusals[] = {
     {"load_missing", true, "serve 1 --cert nothing", 1, "no certificate named 'nothing' in the store"},
 };
 INSTANTIATE_TEST_SUITE_P(Cases, CliRefusal, ::testing::ValuesIn(kRefusals), kLabel);
-
 
 struct Demo {
   const char* label;
