@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <initializer_list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "file_bytes.h"
 #include "subprocess.h"
@@ -34,7 +34,7 @@ inline Result cli(const std::string& command) {
 }
 
 // Runs each command in turn; one that fails fails the case.
-inline void cli_all(std::initializer_list<const char*> commands) {
+inline void cli_all(const std::vector<const char*>& commands) {
   for (const char* command : commands) {
     const Result r = cli(command);
     ASSERT_EQ(r.code, 0) << command << ": " << r.out << r.err;

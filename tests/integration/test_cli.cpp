@@ -321,10 +321,10 @@ TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
 
 struct Refusal {
   const char* label;
-  bool init;
   const char* command;  // with "$KORA": a shell script run after making a leaf and its EC key
   int code;
   const char* says;
+  bool init = true;  // run on an initialised store
 };
 class CliRefusal : public Cli, public ::testing::WithParamInterface<Refusal> {};
 
@@ -344,51 +344,48 @@ TEST_P(CliRefusal, SaysWhyInOneLineAndWritesNothing) {
 }
 
 const Refusal kRefusals[] = {
-    {"slash", true, "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
-    {"dotdot", true, "put di .. server.pem", 2, "refusing name '..': \"..\" names a directory"},
-    {"dot", true, "rm ca .", 2, "refusing name '.': \".\" names a directory"},
-    {"escape_sequence_in_name", true, "put ca a\x1b[2Jb ca.pem", 2,
+    {"slash", "put ca ../x ca.pem", 2, "refusing name '../x': it contains \"/\""},
+    {"dotdot", "put di .. server.pem", 2, "refusing name '..': \"..\" names a directory"},
+    {"dot", "rm ca .", 2, "refusing name '.': \".\" names a directory"},
+    {"escape_sequence_in_name", "put ca a\x1b[2Jb ca.pem", 2,
      "refusing name 'a\\x1b[2Jb': it contains the byte \\x1b"},
-    {"connect_name", true, "connect 127.0.0.1:1 --ca ..", 2, "--ca: refusing name '..'"},
-    {"wrong_kind", true, "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
-    {"unknown_option", true, "ls --all", 2, "unknown option --all"},
-    {"uninitialised", false, "put ca x ca.pem", 1, "run 'kora-ssl-store init' first"},
-    {"missing_file", true, "put ca x none.pem", 1, "cannot read none.pem"},
-    {"ca_not_pem", true, "put ca x server.der", 1, "is not a PEM list of CA certificates"},
-    {"di_not_cert", true, "put di x psk.txt", 1, "holds no certificate"},
-    {"key_mismatch", true, "put cert x --cert server.pem --key client.key", 1, "is not the private key of"},
-    {"psk_no_colon", true, "put psk x psk_no_colon.txt", 1,
+    {"connect_name", "connect 127.0.0.1:1 --ca ..", 2, "--ca: refusing name '..'"},
+    {"wrong_kind", "put key x ca.pem", 2, "unknown kind 'key': use cert, ca, psk or di"},
+    {"unknown_option", "ls --all", 2, "unknown option --all"},
+    {"uninitialised", "put ca x ca.pem", 1, "run 'kora-ssl-store init' first", false},
+    {"missing_file", "put ca x none.pem", 1, "cannot read none.pem"},
+    {"ca_not_pem", "put ca x server.der", 1, "is not a PEM list of CA certificates"},
+    {"di_not_cert", "put di x psk.txt", 1, "holds no certificate"},
+    {"key_mismatch", "put cert x --cert server.pem --key client.key", 1, "is not the private key of"},
+    {"psk_no_colon", "put psk x psk_no_colon.txt", 1,
      "psk_no_colon.txt line 2: no \":\" between identity and key"},
-    {"psk_duplicate", true, "put psk x psk_duplicate.txt", 1, "line 3: duplicate identity (first on line 1)"},
-    {"psk_identity_unsendable", true, "put psk x psk_long_identity.txt", 1,
-     "257 bytes; OpenSSL sends at most 256"},
-    {"psk_key_too_long", true, "put psk x psk_long_key.txt", 1, "257 bytes; the store holds at most 256"},
-    {"psk_odd_digits", true, "put psk x psk_odd_key.txt", 1, "line 1: the key has an odd number"},
-    {"psk_bar_unquoted", true, "put psk x psk_bar.txt", 1, "write the identity as |IDENTITY|:HEXKEY"},
-    {"wrong_pass", true,
+    {"psk_duplicate", "put psk x psk_duplicate.txt", 1, "line 3: duplicate identity (first on line 1)"},
+    {"psk_identity_unsendable", "put psk x psk_long_identity.txt", 1, "257 bytes; OpenSSL sends at most 256"},
+    {"psk_key_too_long", "put psk x psk_long_key.txt", 1, "257 bytes; the store holds at most 256"},
+    {"psk_odd_digits", "put psk x psk_odd_key.txt", 1, "line 1: the key has an odd number"},
+    {"psk_bar_unquoted", "put psk x psk_bar.txt", 1, "write the identity as |IDENTITY|:HEXKEY"},
+    {"wrong_pass",
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key --pass pass:no",
      1, "the pass phrase does not decrypt the key"},
-    {"no_pass_no_terminal", true,
+    {"no_pass_no_terminal",
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; $KORA put cert x --cert x.pem --key key", 1,
      "key: encrypted; give its pass phrase with --pass"},
-    {"p12_wrong_pass", true,
+    {"p12_wrong_pass",
      "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out p; $KORA put cert x --p12 p --pass pass:no",
      1, "the pass phrase does not open p"},
-    {"stdin_twice", true, "cat x.pem | $KORA put cert x --cert - --key -", 1,
-     "standard input is already read"},
-    {"der_with_trailing_bytes", true, "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem",
-     1, "use PEM for a chain"},
-    {"chain_leaf_not_first", true, "put cert x --cert chain_reversed.pem --key server.key", 1,
+    {"stdin_twice", "cat x.pem | $KORA put cert x --cert - --key -", 1, "standard input is already read"},
+    {"der_with_trailing_bytes", "cat x.der x.der >two.der; $KORA put cert x --cert two.der --key k.pem", 1,
+     "use PEM for a chain"},
+    {"chain_leaf_not_first", "put cert x --cert chain_reversed.pem --key server.key", 1,
      "is not the private key of the first certificate"},
-    {"pass_source_unknown", true, "put cert x --cert server.pem --key server.key --pass bogus", 2,
-     "--pass takes"},
-    {"attach_without_key", true, "put cert x --cert server.pem", 1, "no private key is stored under 'x'"},
-    {"csr_bad_subject", true, "csr x --subject CN=x", 2, "--subject must look like /CN=NAME"},
-    {"csr_bad_key", true, "csr x --subject /CN=x --key dsa:1024", 2, "unknown key type 'dsa:1024'"},
-    {"show_missing", true, "show psk nothing", 1, "no PSK table named 'nothing' in the store"},
-    {"not_der", true, "der2pem server.pem", 1, "is not a DER certificate"},
-    {"rm_missing", true, "rm ca nothing", 1, "no CA list named 'nothing' in the store"},
-    {"load_missing", true, "serve 1 --cert nothing", 1, "no certificate named 'nothing' in the store"},
+    {"pass_source_unknown", "put cert x --cert server.pem --key server.key --pass bogus", 2, "--pass takes"},
+    {"attach_without_key", "put cert x --cert server.pem", 1, "no private key is stored under 'x'"},
+    {"csr_bad_subject", "csr x --subject CN=x", 2, "--subject must look like /CN=NAME"},
+    {"csr_bad_key", "csr x --subject /CN=x --key dsa:1024", 2, "unknown key type 'dsa:1024'"},
+    {"show_missing", "show psk nothing", 1, "no PSK table named 'nothing' in the store"},
+    {"not_der", "der2pem server.pem", 1, "is not a DER certificate"},
+    {"rm_missing", "rm ca nothing", 1, "no CA list named 'nothing' in the store"},
+    {"load_missing", "serve 1 --cert nothing", 1, "no certificate named 'nothing' in the store"},
 };
 INSTANTIATE_TEST_SUITE_P(Cases, CliRefusal, ::testing::ValuesIn(kRefusals), kLabel);
 
@@ -403,9 +400,7 @@ class CliDemo : public Cli, public ::testing::WithParamInterface<Demo> {};
 
 // Whether it passes or refuses, the demo leaves the data root and the key directory as it found them.
 TEST_P(CliDemo, LeavesTheHostAsFound) {
-  for (const char* command : GetParam().setup) {
-    ASSERT_EQ(cli(command).code, 0) << command;
-  }
+  ASSERT_NO_FATAL_FAILURE(cli_all(GetParam().setup));
   ASSERT_TRUE(fs::remove(GetParam().removed) || GetParam().removed[0] == '\0');
   const auto before = snapshot();
   const Result r = cli("demo");
