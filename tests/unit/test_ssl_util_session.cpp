@@ -11,6 +11,7 @@
 
 #include "file_bytes.h"
 #include "kora_certgen.h"
+#include "log_capture.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
 
@@ -116,6 +117,28 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not offered";
   EXPECT_EQ(second.saved, kSessions + "cred_3.session") << "first free number not taken";
   EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
+}
+
+// A peer that hangs up without a close notification makes the next read a failure, said with
+// its SSL error (an unexpected end of the stream is SSL_ERROR_SSL).
+TEST_P(ObjectPair, ReadEndedWithoutCloseNotificationFailsAndSaysSo) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  std::thread server([&] {
+    EXPECT_EQ(ssl_conn_open(server_, fds[1]), 0);
+    ::shutdown(fds[1], SHUT_WR);  // still takes in the alert the client sends on the way out
+  });
+  EXPECT_EQ(ssl_conn_open(client_, fds[0]), 0);
+  server.join();
+  kora::test::LogCapture log;
+  char buf[8];
+  EXPECT_EQ(ssl_conn_read(client_, buf, sizeof buf), SSL_UTIL_ERR_FAILED);
+  EXPECT_EQ(log.texts().empty() ? "" : log.texts()[0], "ssl_conn_read: read failed, SSL error 1\n");
+  EXPECT_EQ(ssl_conn_write(client_, nullptr, 1), SSL_UTIL_ERR_INVALID) << "a null buffer reached SSL_write";
+  for (const int fd : fds) {
+    ::close(fd);
+  }
+  EXPECT_EQ(ssl_conn_close(client_) | ssl_conn_close(server_), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ObjectPair, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),

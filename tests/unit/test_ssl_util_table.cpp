@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "kora_certgen.h"
+#include "loading_fixture.h"
 #include "log_capture.h"
 #include "ssl_util.h"
 
@@ -35,6 +37,7 @@ TEST(SslUtilTable, CreateGivesDistinctHandlesWithOwnContextsOfTheRole) {
     ASSERT_GE(index_of(ctx), 0);
     EXPECT_EQ(g_ssl_ctxt[index_of(ctx)].obj_hndl, hdl);
   }
+  EXPECT_EQ(ssl_conn_write(client, "x", 1), SSL_UTIL_ERR_INVALID) << "a write without a connection";
   EXPECT_EQ(ssl_obj_free(client), 0);
   EXPECT_EQ(ssl_obj_free(client), -2) << "second free of one handle";
   EXPECT_EQ(ssl_get_obj_context(client), nullptr) << "stale handle still resolves";
@@ -106,6 +109,55 @@ TEST(SslUtilTable, LookupsDoNotTakeTheLockTheStoreHolds) {
   EXPECT_EQ(SSL_set_cert_info(ctx, longer.c_str()), 0);
   ivra_mutex_unlock(&ssl_mutex);
   EXPECT_EQ(std::string(g_ssl_ctxt[index].cert), longer.substr(0, sizeof g_ssl_ctxt[index].cert - 1));
+}
+
+// The rest of a stored PEM file goes onto the context as the chain of its certificate, with a
+// count; a name the store has no file for (a certificate the application installed) adds nothing
+// and says nothing; a chain the context's security level refuses is dropped whole.
+class StoredChain : public kora::test::LoadingTest {};
+
+TEST_F(StoredChain, IntermediatesAreCountedOrRefusedWhole) {
+  using kora::certgen::Credential;
+  const auto issue = [](const char* cn, const Credential& by, bool ca = true) {
+    return kora::certgen::make_signed({{{"CN", cn}}, {}, false, ca}, by);
+  };
+  const Credential root = kora::certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
+  const Credential mid = issue("mid", root), mid2 = issue("mid2", mid), leaf = issue("leaf", mid2, false);
+  const std::string one = leaf.cert_pem(), three = one + mid2.cert_pem() + mid.cert_pem();
+  const struct {
+    const char* name;
+    std::string stored;  // "": not in the store, installed by the application
+    int level;           // the context's security level once loaded
+    int chain;
+    std::string said;
+  } cases[] = {
+      {"app", "", 1, 0, ""},
+      {"lone", one, 1, 0, ""},
+      {"two", one + mid2.cert_pem(), 1, 1, "SSL_set_cert_info: 1 chain certificates sent with two\n"},
+      {"three", three, 1, 2, "SSL_set_cert_info: 2 chain certificates sent with three\n"},
+      {"weak", three, 4, 0, "SSL_set_cert_info: chain of weak could not be added\n"},
+  };
+  for (const auto& c : cases) {
+    kora::test::LogCapture log;
+    if (c.stored.empty()) {
+      ASSERT_EQ(SSL_CTX_use_certificate(ctx_, leaf.cert.get()), 1);
+    } else {
+      put(c.name, KORA_NET_SSL_CERTIFICATE_E, c.stored);
+      put(c.name, KORA_NET_SSL_CERTIFICATE_E, leaf.key_pem(), true);
+      ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CERTIFICATE_E, c.name), 0) << c.name;
+    }
+    SSL_CTX_set_security_level(ctx_, c.level);  // P-256 falls short of level 4
+    log.clear();
+    ASSERT_EQ(SSL_set_cert_info(ctx_, c.name), 0);
+    STACK_OF(X509)* chain = nullptr;
+    ASSERT_EQ(SSL_CTX_get0_chain_certs(ctx_, &chain), 1);
+    EXPECT_EQ(chain == nullptr ? 0 : sk_X509_num(chain), c.chain) << c.name;
+    std::string said;
+    for (const std::string& text : log.texts()) {
+      said += text.rfind("SSL_set_cert_info", 0) == 0 ? text : "";
+    }
+    EXPECT_EQ(said, c.said) << c.name;
+  }
 }
 
 }  // namespace
