@@ -126,6 +126,7 @@ TEST_P(ObjectPair, ReadEndedWithoutCloseNotificationFailsAndSaysSo) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
   std::thread server([&] {
     EXPECT_EQ(ssl_conn_open(server_, fds[1]), 0);
+    EXPECT_EQ(ssl_conn_await_peer(server_, 0), 1) << "nothing came from the client";
     ::shutdown(fds[1], SHUT_WR);  // still takes in the alert the client sends on the way out
   });
   EXPECT_EQ(ssl_conn_open(client_, fds[0]), 0);

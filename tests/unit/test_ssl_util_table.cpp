@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -83,13 +84,23 @@ TEST(SslUtilTable, FullTableRefusesWithItsMessage) {
   SSL_CTX* foreign = SSL_CTX_new(TLS_method());
   int index = -1;
   EXPECT_EQ(utility_get_ssl_ctxt(foreign, &index), -1);
+  EXPECT_EQ(utility_get_ssl_ctxt(nullptr, &index), -1);
   EXPECT_EQ(ssl_get_obj_context(0xffffffffu), nullptr);
   SSL_CTX_free(foreign);
 }
 
 TEST(SslUtilSmallCalls, LengthEdges) {
-  std::string der = std::string("\x30\x81\x80", 3) + std::string(0x80, '\0');
-  EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(der.data()), der.size()), 1) << "30 81 80";
+  const std::string zeros(0x80, '\0');
+  for (const auto& [bytes, der] : {std::pair{std::string("\x30\x81\x80", 3) + zeros, 1},
+                                   {"\x30\x03" + zeros.substr(0, 3), 1},
+                                   {"\x31\x03" + zeros.substr(0, 3), 0},     // not a SEQUENCE
+                                   {"\x30\x04" + zeros.substr(0, 3), 0},     // longer than the buffer
+                                   {std::string("\x30\x80", 2) + zeros, 0},  // indefinite length
+                                   {std::string("\x30\x82\x00\x80", 4) + zeros, 0},
+                                   {std::string("\x30\x81\x7f", 3) + zeros, 0}}) {  // not minimal
+    EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), der)
+        << testing::PrintToString(bytes.substr(0, 4));
+  }
   uint8_t buf[2] = {0, 0};
   for (int i = 0; i < 64 && buf[0] == 0; ++i) {
     ASSERT_EQ(ssl_get_random_number(1, buf), 0);
@@ -109,6 +120,46 @@ TEST(SslUtilTable, LookupsDoNotTakeTheLockTheStoreHolds) {
   EXPECT_EQ(SSL_set_cert_info(ctx, longer.c_str()), 0);
   ivra_mutex_unlock(&ssl_mutex);
   EXPECT_EQ(std::string(g_ssl_ctxt[index].cert), longer.substr(0, sizeof g_ssl_ctxt[index].cert - 1));
+}
+
+// A refused call says why, in its own name.
+TEST(SslUtilTable, RefusalsAreLoggedInTheCallersName) {
+  const ssl_obj_hdl_t live = create(), stale = 0xdead;
+  const std::string longer(300, 'n');
+  const std::pair<std::string, std::function<int()>> calls[] = {
+      {"ssl_conn_open: unknown handle 57005\n", [&] { return ssl_conn_open(stale, 0); }},
+      {"ssl_session_set_resume: unknown handle 57005\n", [&] { return ssl_session_set_resume(stale, "s"); }},
+      {"ssl_obj_set_protocol_bounds: unknown handle 57005\n",
+       [&] { return ssl_obj_set_protocol_bounds(stale, 0, 0); }},
+      {"ssl_obj_set_ciphers: unknown handle 57005\n",
+       [&] { return ssl_obj_set_ciphers(stale, nullptr, nullptr); }},
+      {"ssl_obj_set_verify: unknown handle 57005\n",
+       [&] { return ssl_obj_set_verify(stale, SSL_VERIFY_NONE); }},
+      {"ssl_obj_free: unknown handle 57005\n", [&] { return ssl_obj_free(stale); }},
+      {"ssl_obj_set_server_name: unknown handle 57005\n",
+       [&] { return ssl_obj_set_server_name(stale, "h"); }},
+      {"ssl_obj_set_psk_identity: value too long\n",
+       [&] { return ssl_obj_set_psk_identity(live, longer.c_str()); }},
+  };
+  for (const auto& [said, call] : calls) {
+    kora::test::LogCapture log;
+    EXPECT_EQ(call(), SSL_UTIL_ERR_INVALID) << said;
+    EXPECT_EQ(log.texts(), std::vector<std::string>{said});
+  }
+}
+
+// Setting ciphers again and again keeps no memory (the suite names are split into a list).
+TEST(SslUtilTable, RepeatedCipherSettingsHoldNoMemory) {
+  const ssl_obj_hdl_t hdl = create();
+  const auto set_times = [&](int times) {
+    for (int i = 0; i < times; ++i) {
+      ASSERT_EQ(ssl_obj_set_ciphers(hdl, nullptr, "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384"), 0);
+    }
+  };
+  set_times(300);  // OpenSSL's caches fill within the first two hundred
+  const size_t in_use = mallinfo2().uordblks;
+  set_times(100);
+  EXPECT_LT(mallinfo2().uordblks, in_use + 100) << "memory kept by every call";
 }
 
 // The rest of a stored PEM file goes onto the context as the chain of its certificate, with a
