@@ -126,25 +126,38 @@ TEST(SslUtilTable, LookupsDoNotTakeTheLockTheStoreHolds) {
 TEST(SslUtilTable, RefusalsAreLoggedInTheCallersName) {
   const ssl_obj_hdl_t live = create(), stale = 0xdead;
   const std::string longer(300, 'n');
-  const std::pair<std::string, std::function<int()>> calls[] = {
-      {"ssl_conn_open: unknown handle 57005\n", [&] { return ssl_conn_open(stale, 0); }},
-      {"ssl_session_set_resume: unknown handle 57005\n", [&] { return ssl_session_set_resume(stale, "s"); }},
-      {"ssl_obj_set_protocol_bounds: unknown handle 57005\n",
+  constexpr int kInvalid = SSL_UTIL_ERR_INVALID, kFailed = SSL_UTIL_ERR_FAILED;
+  const struct {
+    std::string said;
+    int rc;
+    size_t lines;  // 2: OpenSSL's own error follows
+    std::function<int()> call;
+  } calls[] = {
+      {"ssl_conn_open: unknown handle 57005\n", kInvalid, 1, [&] { return ssl_conn_open(stale, 0); }},
+      {"ssl_session_set_resume: unknown handle 57005\n", kInvalid, 1,
+       [&] { return ssl_session_set_resume(stale, "s"); }},
+      {"ssl_obj_set_protocol_bounds: unknown handle 57005\n", kInvalid, 1,
        [&] { return ssl_obj_set_protocol_bounds(stale, 0, 0); }},
-      {"ssl_obj_set_ciphers: unknown handle 57005\n",
+      {"ssl_obj_set_ciphers: unknown handle 57005\n", kInvalid, 1,
        [&] { return ssl_obj_set_ciphers(stale, nullptr, nullptr); }},
-      {"ssl_obj_set_verify: unknown handle 57005\n",
+      {"ssl_obj_set_verify: unknown handle 57005\n", kInvalid, 1,
        [&] { return ssl_obj_set_verify(stale, SSL_VERIFY_NONE); }},
-      {"ssl_obj_free: unknown handle 57005\n", [&] { return ssl_obj_free(stale); }},
-      {"ssl_obj_set_server_name: unknown handle 57005\n",
+      {"ssl_obj_free: unknown handle 57005\n", kInvalid, 1, [&] { return ssl_obj_free(stale); }},
+      {"ssl_obj_set_server_name: unknown handle 57005\n", kInvalid, 1,
        [&] { return ssl_obj_set_server_name(stale, "h"); }},
-      {"ssl_obj_set_psk_identity: value too long\n",
+      {"ssl_obj_set_psk_identity: value too long\n", kInvalid, 1,
        [&] { return ssl_obj_set_psk_identity(live, longer.c_str()); }},
+      {"ssl_obj_set_ciphers: cipher list refused: NOPE\n", kFailed, 2,
+       [&] { return ssl_obj_set_ciphers(live, "NOPE", nullptr); }},
+      {"ssl_obj_set_ciphers: TLS 1.3 suites refused: TLS_BOGUS\n", kFailed, 2,
+       [&] { return ssl_obj_set_ciphers(live, nullptr, "TLS_BOGUS"); }},
   };
-  for (const auto& [said, call] : calls) {
+  for (const auto& c : calls) {
     kora::test::LogCapture log;
-    EXPECT_EQ(call(), SSL_UTIL_ERR_INVALID) << said;
-    EXPECT_EQ(log.texts(), std::vector<std::string>{said});
+    EXPECT_EQ(c.call(), c.rc) << c.said;
+    const auto texts = log.texts();
+    ASSERT_EQ(texts.size(), c.lines) << c.said;
+    EXPECT_EQ(texts[0], c.said);
   }
 }
 
