@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "file_bytes.h"
 #include "kora_certgen.h"
@@ -122,15 +124,27 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
 }
 
-// The server's certificate is trusted; only the names it holds may pass. Refusals come first:
-// a saved session would be resumed without a new check.
+// The server's certificate is trusted; only the names it holds may pass, and only a host name
+// goes out as SNI. Saved sessions are dropped first: one would be resumed without a new check.
+std::string g_sni;
 TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
   ASSERT_EQ(X509_STORE_add_cert(SSL_CTX_get_cert_store(ssl_get_obj_context(client_)), server_cert_.cert.get()), 1);
   ASSERT_EQ(ssl_obj_set_verify(client_, SSL_VERIFY_PEER), 0);
-  for (const auto& [name, accepted] : {std::pair{"other.example", false}, std::pair{"192.0.2.1", false},
-                                       std::pair{"server.example", true}, std::pair{"127.0.0.1", true}}) {
+  SSL_CTX_set_tlsext_servername_callback(ssl_get_obj_context(server_), +[](SSL* ssl, int*, void*) {
+    const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+    g_sni = sni != nullptr ? sni : "";
+    return SSL_TLSEXT_ERR_OK;
+  });
+  for (const auto& [name, accepted, sni] :
+       {std::tuple{"other.example", false, "other.example"}, std::tuple{"192.0.2.1", false, ""},
+        std::tuple{"127.0.0.1", true, ""}, std::tuple{"server.example", true, "server.example"}}) {
     ASSERT_EQ(ssl_obj_set_server_name(client_, name), 0);
+    g_sni = "none";
+    for (const auto& entry : std::filesystem::directory_iterator(kSessions)) {
+      std::filesystem::remove(entry.path());
+    }
     EXPECT_EQ(connect().client_rc == 0, accepted) << name;
+    EXPECT_EQ(g_sni, sni) << name;
   }
 }
 
