@@ -33,10 +33,16 @@ State& state() {
   return *s;
 }
 
-void* added(void* p) {
+// While secrets are watched, new bytes start zeroed, so that a secret found in a released block
+// was written during its life, not left behind by an earlier user of the memory. From `from` on.
+void* added(void* p, size_t from = 0) {
   if (p != nullptr) {
     const std::lock_guard<std::mutex> guard(state().lock);
     state().live.insert(p);
+    const size_t size = malloc_usable_size(p);
+    if (!state().secrets.empty() && from < size) {
+      std::memset(static_cast<char*>(p) + from, 0, size - from);
+    }
   }
   return p;
 }
@@ -95,11 +101,12 @@ extern "C" {
 void* __wrap_malloc(size_t n) { return kora::test::heap::added(__real_malloc(n)); }
 void* __wrap_calloc(size_t n, size_t size) { return kora::test::heap::added(__real_calloc(n, size)); }
 void* __wrap_realloc(void* p, size_t n) {
+  const size_t kept = p != nullptr ? malloc_usable_size(p) : 0;
   void* moved = __real_realloc(p, n);
   if (moved != nullptr) {
     kora::test::heap::forget(p);
   }
-  return kora::test::heap::added(moved);
+  return kora::test::heap::added(moved, kept);
 }
 void __wrap_free(void* p) {
   kora::test::heap::releasing(p, false);

@@ -54,10 +54,13 @@ TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
   EXPECT_EQ(load(), row.status);
   EXPECT_EQ(heap::secret_releases(true), 0) << "the decrypted key went back to the heap unwiped";
   ERR_clear_error();  // error records carry blocks of their own
-  const long live = heap::live_blocks();
-  load();
-  ERR_clear_error();
-  EXPECT_EQ(heap::live_blocks(), live) << "a repeated load leaks";
+  long live[3] = {heap::live_blocks()};
+  for (int i = 1; i < 3; ++i) {
+    load();
+    ERR_clear_error();
+    live[i] = heap::live_blocks();
+  }
+  EXPECT_TRUE(live[0] == live[1] && live[1] == live[2]) << "repeated loads leak: " << live[0] << ", " << live[1] << ", " << live[2];
   EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
   EXPECT_TRUE(store_lock_is_free());
   EXPECT_STREQ(record().cert, row.recorded);

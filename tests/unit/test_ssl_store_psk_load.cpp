@@ -95,8 +95,8 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
 TEST_F(PskTest, FreedObjectReleasesItsTableWiped) {
   ASSERT_TRUE(heap::watching());
   const std::string key = "00112233445566778899aabbccddeeff";
-  install({{"id", key}});
   heap::watch_secrets({key});
+  install({{"id", key}});
   const long live = heap::live_blocks();
   ASSERT_EQ(ssl_obj_free(hdl_), 0);
   hdl_ = 0;
