@@ -24,7 +24,7 @@ TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
     for (const auto& [type, priv_key, path] : cases) {
       ASSERT_EQ(SSL_cert_store("dev", kind(type), bytes.data(), 11, priv_key), 0) << path;
       EXPECT_EQ(read_stored(path), bytes) << type;
-      EXPECT_TRUE(store_lock_is_free());
+      ASSERT_TRUE(store_lock_is_free()) << "a stored credential left ssl_mutex held";
     }
     EXPECT_TRUE(round == 0 || heap::live_blocks() == live) << "storing or reading back leaks";
     live = heap::live_blocks();
