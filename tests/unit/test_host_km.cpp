@@ -172,7 +172,7 @@ TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
 
 // A root key that cannot be written in full (the file system is full) is never put in place.
 TEST_F(HostKm, RootKeyWrittenShortIsNotPlaced) {
-  ASSERT_EQ(std::system("rm /data/km/root.key && mount -t tmpfs -o size=4k tmpfs /data/km && "
+  ASSERT_EQ(std::system("rm /data/km/root.key && mount -t tmpfs -o size=4k,mode=0700 tmpfs /data/km && "
                         "(head -c 8192 /dev/zero > /data/km/fill; true)"),
             0);
   km::forget_keys();
