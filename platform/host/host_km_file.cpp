@@ -15,6 +15,7 @@
 
 #include "host_km.h"
 #include "ossl_ptr.h"
+#include "secure_bytes.h"
 
 namespace kora::km::file {
 namespace {
@@ -178,21 +179,6 @@ Result seal(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* in, siz
   return kOk;
 }
 
-// A malloc'd buffer of plain bytes: wiped and freed unless ownership is handed out.
-struct PlainBuffer {
-  uint8_t* data = nullptr;
-  size_t len = 0;
-  explicit PlainBuffer(size_t n) : data(static_cast<uint8_t*>(std::malloc(n > 0 ? n : 1))), len(n) {}
-  PlainBuffer(const PlainBuffer&) = delete;
-  PlainBuffer& operator=(const PlainBuffer&) = delete;
-  ~PlainBuffer() {
-    if (data != nullptr) {
-      OPENSSL_cleanse(data, len);
-      std::free(data);
-    }
-  }
-};
-
 Result unseal(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* in, size_t in_len, void** out,
               size_t* out_len) {
   if (in_len < kSealOverhead || in[0] != kSealVersionFile) {
@@ -206,9 +192,9 @@ Result unseal(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* in, s
   // The tag is copied because the ctrl call takes a non-const pointer.
   uint8_t tag[kTagLen];
   std::memcpy(tag, ct + plain_len, kTagLen);
-  PlainBuffer plain(plain_len);
+  SecureBytes plain(plain_len);
   EvpCipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-  if (plain.data == nullptr || !ctx) {
+  if (plain.data() == nullptr || !ctx) {
     return fail(kErrNoMemory, "no memory to unseal %zu bytes", in_len);
   }
   const Result r = start_gcm(ctx.get(), keyblob, const_cast<uint8_t*>(iv), nonce, false);
@@ -216,20 +202,20 @@ Result unseal(const uint8_t* keyblob, const uint8_t* nonce, const uint8_t* in, s
     return r;
   }
   int n = 0;
-  if ((plain_len > 0 && (EVP_DecryptUpdate(ctx.get(), plain.data, &n, ct, static_cast<int>(plain_len)) != 1 ||
-                         static_cast<size_t>(n) != plain_len)) ||
+  if ((plain_len > 0 &&
+       (EVP_DecryptUpdate(ctx.get(), plain.data(), &n, ct, static_cast<int>(plain_len)) != 1 ||
+        static_cast<size_t>(n) != plain_len)) ||
       EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagLen), tag) != 1) {
     return fail(kErrCrypto, "AES-256-GCM failed");
   }
   // GCM's final step compares the tag in constant time; on a mismatch the plain bytes are
   // wiped with the buffer.
   int fin = 0;
-  if (EVP_DecryptFinal_ex(ctx.get(), plain.data + plain_len, &fin) != 1) {
+  if (EVP_DecryptFinal_ex(ctx.get(), plain.data() + plain_len, &fin) != 1) {
     return fail(kErrAuth, "sealed data altered, or sealed under another key blob or nonce");
   }
-  *out_len = plain.len;
-  *out = plain.data;
-  plain.data = nullptr;
+  *out_len = plain.size();
+  *out = plain.release();
   return kOk;
 }
 

@@ -15,24 +15,10 @@
 #include <string>
 
 #include "host_km.h"
+#include "write_all.h"
 
 namespace kora::km::file {
 namespace {
-
-bool write_all(int fd, const uint8_t* p, size_t n) {
-  while (n > 0) {
-    const ssize_t w = ::write(fd, p, n);
-    if (w < 0 && errno == EINTR) {
-      continue;
-    }
-    if (w <= 0) {
-      return false;
-    }
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
 
 std::string parent_of(const std::string& path) {
   const size_t slash = path.find_last_of('/');

@@ -134,8 +134,20 @@ int lock_data_root() {
   }
 }
 
+// A scoped hold of a pthread mutex (the shim's own short-lived guards).
+class GuardHold {
+ public:
+  explicit GuardHold(pthread_mutex_t* m) : m_(m) { (void)pthread_mutex_lock(m_); }
+  ~GuardHold() { (void)pthread_mutex_unlock(m_); }
+  GuardHold(const GuardHold&) = delete;
+  GuardHold& operator=(const GuardHold&) = delete;
+
+ private:
+  pthread_mutex_t* m_;
+};
+
 void host_hold() {
-  pthread_mutex_lock(&g_host.guard);
+  const GuardHold hold(&g_host.guard);
   if (g_host.pid != ::getpid()) {
     if (g_host.fd >= 0) {
       (void)::close(g_host.fd);  // the parent's descriptor: closing it leaves the parent's lock alone
@@ -147,18 +159,16 @@ void host_hold() {
   if (g_host.holds++ == 0) {
     g_host.fd = lock_data_root();
   }
-  pthread_mutex_unlock(&g_host.guard);
 }
 
 void host_release() {
-  pthread_mutex_lock(&g_host.guard);
+  const GuardHold hold(&g_host.guard);
   if (g_host.pid == ::getpid() && g_host.holds > 0 && --g_host.holds == 0 && g_host.fd >= 0) {
     // Unlocked explicitly: a forked child may still share the descriptor.
     (void)::flock(g_host.fd, LOCK_UN);
     (void)::close(g_host.fd);
     g_host.fd = -1;
   }
-  pthread_mutex_unlock(&g_host.guard);
 }
 
 }  // namespace
@@ -167,14 +177,15 @@ int mutex_lock(ivra_mutex_t* m) {
   if (m == nullptr) {
     return -1;
   }
-  pthread_mutex_lock(&m->guard);
-  // The holder itself waits too: a hold never released blocks every later locker.
-  while (m->held != 0) {
-    pthread_cond_wait(&m->released, &m->guard);
+  {
+    const GuardHold hold(&m->guard);
+    // The holder itself waits too: a hold never released blocks every later locker.
+    while (m->held != 0) {
+      pthread_cond_wait(&m->released, &m->guard);
+    }
+    m->held = 1;
+    m->owner = pthread_self();
   }
-  m->held = 1;
-  m->owner = pthread_self();
-  pthread_mutex_unlock(&m->guard);
   host_hold();
   return 0;
 }
@@ -183,17 +194,15 @@ int mutex_unlock(ivra_mutex_t* m) {
   if (m == nullptr) {
     return -1;
   }
-  pthread_mutex_lock(&m->guard);
+  const GuardHold hold(&m->guard);
   if (m->held == 0 || pthread_equal(m->owner, pthread_self()) == 0) {
     // A release without a hold (a second release on one path, or another thread's hold) is
     // tolerated and changes nothing.
-    pthread_mutex_unlock(&m->guard);
     return 1;
   }
   m->held = 0;
   host_release();
   pthread_cond_signal(&m->released);
-  pthread_mutex_unlock(&m->guard);
   return 0;
 }
 

@@ -63,6 +63,14 @@ int ssl_get_random_number(uint16_t len, uint8_t* buf);
 /* Drains OpenSSL's error queue of this thread into the diagnostic log. */
 void log_ssl_internal_error_impl(const char* func, int line);
 
+/* Status codes of the object layer's calls (those that return counts say so). */
+typedef enum {
+  SSL_UTIL_OK = 0,
+  SSL_UTIL_ERR_FAILED = -1,      /* OpenSSL, a file or the handshake failed */
+  SSL_UTIL_ERR_INVALID = -2,     /* unknown handle, no connection, or a bad argument */
+  SSL_UTIL_ERR_NO_RESOURCE = -3, /* no free object slot, or no memory */
+} ssl_util_status_t;
+
 /* Object life cycle. */
 typedef enum { SSL_OBJ_ROLE_CLIENT = 0, SSL_OBJ_ROLE_SERVER = 1 } ssl_obj_role_t;
 

@@ -70,6 +70,7 @@ int load_get_identifier(kora_Net_SSL_Obj_Hdl_t hdl, kora_Net_SSL_Identifier_t* r
     return KORA_ERR_INVALID_PARAM;
   }
 
+  // No guard: the read-failure path below releases ssl_mutex twice on purpose.
   ivra_mutex_lock(&ssl_mutex);
   SSL_CTX* ssl = ssl_get_obj_context(hdl);
   if (ssl == nullptr) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "ivra_lock.h"
 #include "ivra_mutex.h"
 #include "kora_net_ssl.h"
 #include "ssl_store.h"
@@ -27,19 +28,17 @@ int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
     return KORA_ERR_INVALID_PARAM;
   }
 
-  ivra_mutex_lock(&ssl_mutex);
+  const IvraLock lock(&ssl_mutex);
 
   // The kind's own directory: private keys are never listed.
   const std::string_view directory = directory_for(type, false);
   if (directory.empty()) {
     STORE_LOG_HIGH("Invalid Cert Type: %d", static_cast<int>(type));
-    ivra_mutex_unlock(&ssl_mutex);
     return KORA_ERR_INVALID_PARAM;
   }
   DIR* dirp = opendir(directory.data());
   if (dirp == nullptr) {
     STORE_LOG_ERROR("Opening folder failed\n");
-    ivra_mutex_unlock(&ssl_mutex);
     return KORA_ERROR;
   }
 
@@ -50,7 +49,6 @@ int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
     // Every name is checked before its type: one unacceptable name fails the whole listing.
     if (SSL_cert_get_abs_path(dp->d_name, type, file_path, kPathBufferSize, false) < 0) {
       STORE_LOG_ERROR("SSL_cert_load KORA_ERR_INVALID_PARAM \n");
-      ivra_mutex_unlock(&ssl_mutex);
       // intended: dirp is left open on this path (legacy behaviour: no closedir here).
       return KORA_ERR_INVALID_PARAM;
     }
@@ -64,10 +62,8 @@ int list_names(kora_Net_SSL_Cert_Type_t type, kora_Net_SSL_Cert_List_t* list) {
 
   if (closedir(dirp) != 0) {
     STORE_LOG_ERROR("closing EFS folder failed\n");
-    ivra_mutex_unlock(&ssl_mutex);
     return KORA_ERROR;
   }
-  ivra_mutex_unlock(&ssl_mutex);
   return num_files;
 }
 

@@ -5,41 +5,39 @@
 
 #include <cstdlib>
 
+#include "ivra_lock.h"
 #include "ossl_ptr.h"
+#include "secure_bytes.h"
 #include "ssl_store.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
 namespace {
 
-// A decrypted file: plain credential bytes that this module owns until the load ends.
-struct PlainBuffer {
-  void* ptr = nullptr;
+// Reads and unseals a credential file into *plain, which this module owns until the load
+// ends (whatever the read hands out, on failure too).
+int read_plain(const char* path, SecureBytes* plain) {
+  void* data = nullptr;
   size_t size = 0;
-};
-
-void wipe_and_free(PlainBuffer* plain) {
-  if (plain->ptr != nullptr) {
-    OPENSSL_cleanse(plain->ptr, plain->size);
-    free(plain->ptr);
-    plain->ptr = nullptr;
-  }
+  const int status = ssl_store_cert_read_decrypt_from_file(path, &data, &size);
+  *plain = SecureBytes::adopt(data, size);
+  return status;
 }
 
 // Decrypts both files and installs them; the buffers are released by the caller whatever
 // happens. A certificate installed here stays on the context when the key fails after it.
 int install_certificate_and_key(SSL_CTX* ssl, const char* file_path, const char* priv_key_file_path,
-                                PlainBuffer* cert_plain, PlainBuffer* key_plain) {
-  if (ssl_store_cert_read_decrypt_from_file(file_path, &cert_plain->ptr, &cert_plain->size) != 0) {
+                                SecureBytes* cert_plain, SecureBytes* key_plain) {
+  if (read_plain(file_path, cert_plain) != 0) {
     STORE_LOG_ERROR("ERROR: Reading certificate info from cert loc failed!! \r\n");
     return KORA_ERROR;
   }
-  auto* cert_bytes = static_cast<uint8_t*>(cert_plain->ptr);
+  uint8_t* cert_bytes = cert_plain->data();
   // The DER test takes a 16-bit length: a larger file is classified from the low 16 bits of
   // its size, and then decoded with its full size.
-  const bool is_der = openssl_IsDerFormat(cert_bytes, static_cast<uint16_t>(cert_plain->size)) != 0;
+  const bool is_der = openssl_IsDerFormat(cert_bytes, static_cast<uint16_t>(cert_plain->size())) != 0;
 
-  X509Ptr cert(utility_get_X509_from_buffer(cert_bytes, cert_plain->size, is_der));
+  X509Ptr cert(utility_get_X509_from_buffer(cert_bytes, cert_plain->size(), is_der));
   if (!cert) {
     STORE_LOG_ERROR("Failed to get the X509 object \n");
     return KORA_ERROR;
@@ -52,14 +50,13 @@ int install_certificate_and_key(SSL_CTX* ssl, const char* file_path, const char*
     return KORA_ERROR;
   }
 
-  if (ssl_store_cert_read_decrypt_from_file(priv_key_file_path, &key_plain->ptr, &key_plain->size) != 0) {
+  if (read_plain(priv_key_file_path, key_plain) != 0) {
     STORE_LOG_ERROR("ERROR: Reading private key info from cert loc failed!! \r\n");
     return KORA_ERROR;
   }
   // The key is decoded with the certificate's encoding; its own is never examined. A key
   // that does not decode is handed on as null and refused by OpenSSL.
-  EvpPkeyPtr pkey(
-      utility_get_EVP_KEY_from_buffer(static_cast<uint8_t*>(key_plain->ptr), key_plain->size, is_der));
+  EvpPkeyPtr pkey(utility_get_EVP_KEY_from_buffer(key_plain->data(), key_plain->size(), is_der));
   const int key_result = SSL_CTX_use_PrivateKey(ssl, pkey.get());
   pkey.reset();
   if (key_result != 1) {
@@ -91,12 +88,9 @@ int certificate_load(ssl_obj_hdl_t hdl, const char* file_path, const char* priv_
     return KORA_ERR_NOT_SUPPORTED;
   }
 
-  PlainBuffer cert_plain;
-  PlainBuffer key_plain;
-  const int status = install_certificate_and_key(ssl, file_path, priv_key_file_path, &cert_plain, &key_plain);
-  wipe_and_free(&cert_plain);
-  wipe_and_free(&key_plain);
-  return status;
+  SecureBytes cert_plain;
+  SecureBytes key_plain;
+  return install_certificate_and_key(ssl, file_path, priv_key_file_path, &cert_plain, &key_plain);
 }
 
 int cert_load(kora_Net_SSL_Obj_Hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const char* name) {
@@ -114,7 +108,7 @@ int cert_load(kora_Net_SSL_Obj_Hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const c
     return KORA_ERROR;
   }
 
-  ivra_mutex_lock(&ssl_mutex);
+  const IvraLock lock(&ssl_mutex);
   // Not checked here: with an unknown handle the loader fails first and the name is never
   // recorded.
   SSL_CTX* obj_ctxt = ssl_get_obj_context(hdl);
@@ -125,7 +119,6 @@ int cert_load(kora_Net_SSL_Obj_Hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const c
                                 true) != 0) {
         STORE_LOG_ERROR("SSL_cert_load:Invalid abs path for the file name:%s type:%d \n", name,
                         static_cast<int>(type));
-        ivra_mutex_unlock(&ssl_mutex);
         return KORA_ERROR;
       }
       status = SSL_certificate_load(hdl, file_path, pri_key_file_path);
@@ -146,11 +139,9 @@ int cert_load(kora_Net_SSL_Obj_Hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const c
     default:
       // Device-identity certificates have their own entry.
       STORE_LOG_HIGH("Invalid Cert Type: %d", static_cast<int>(type));
-      ivra_mutex_unlock(&ssl_mutex);
       return KORA_ERR_INVALID_PARAM;
   }
 
-  ivra_mutex_unlock(&ssl_mutex);
   return status;
 }
 

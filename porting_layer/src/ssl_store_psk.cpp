@@ -1,8 +1,6 @@
 // PSK tables: the callers' text form ("identity:hexkey" lines) turned into the stored binary
 // table, which is then sealed and stored under a name like any other credential.
-//
-// Stored table: B7 00, entry count (16-bit big-endian), then per entry the identity length
-// (16-bit big-endian), the identity bytes, the key length (16-bit big-endian), the key bytes.
+// The stored table's layout is in ssl_psk_table.h.
 #include <openssl/crypto.h>
 
 #include <array>
@@ -11,15 +9,13 @@
 #include <cstdlib>
 
 #include "kora_net_ssl.h"
+#include "secure_bytes.h"
+#include "ssl_psk_table.h"
 #include "ssl_store.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
 namespace {
-
-constexpr size_t kMaxIdentityLength = 65535;
-constexpr size_t kMaxKeyLength = 256;
-constexpr size_t kTableHeaderSize = 4;
 
 bool is_line_break(uint8_t c) { return c == '\r' || c == '\n'; }
 
@@ -38,44 +34,13 @@ constexpr std::array<int8_t, 256> kHexValues = [] {
 
 int hex_value(uint8_t c) { return kHexValues[c]; }
 
-void put_le32(uint8_t* at, uint32_t value) {
-  for (int i = 0; i < 4; ++i) {
-    at[i] = static_cast<uint8_t>((value >> (8 * i)) & 0xFF);
-  }
-}
-
-void put_be16(uint8_t* at, size_t value) {
-  at[0] = static_cast<uint8_t>((value >> 8) & 0xFF);
-  at[1] = static_cast<uint8_t>(value & 0xFF);
-}
-
 // The work buffer holds the whole table. Each entry's stored form (4 + L + K bytes) is at
 // most twice its text (at least L + 1 + 2K bytes), and so is a last key cut short, hence
-// twice the text plus the header and some slack. The work buffer holds keys: it is wiped
-// before it is released.
-class WorkBuffer {
- public:
-  explicit WorkBuffer(size_t text_size) {
-    if (text_size <= (SIZE_MAX - 8) / 2) {
-      size_ = 2 * text_size + 8;
-      data_ = static_cast<uint8_t*>(std::calloc(size_, 1));
-    }
-  }
-  ~WorkBuffer() {
-    if (data_ != nullptr) {
-      OPENSSL_cleanse(data_, size_);
-      std::free(data_);
-    }
-  }
-  WorkBuffer(const WorkBuffer&) = delete;
-  WorkBuffer& operator=(const WorkBuffer&) = delete;
-
-  uint8_t* data() const { return data_; }
-
- private:
-  uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-};
+// twice the text plus the header and some slack. It holds keys: a SecureBytes, wiped when
+// released. Empty when the size would overflow.
+SecureBytes make_work_buffer(size_t text_size) {
+  return text_size <= (SIZE_MAX - 8) / 2 ? SecureBytes(2 * text_size + 8, true) : SecureBytes();
+}
 
 enum class KeyEnd { kGood, kBad };
 
@@ -85,7 +50,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
     return KORA_ERR_INVALID_PARAM;
   }
 
-  WorkBuffer work(psktbl->psk_Size);
+  const SecureBytes work = make_work_buffer(psktbl->psk_Size);
   uint8_t* const pskTable = work.data();
   if (pskTable == nullptr) {
     return KORA_ERR_NO_MEMORY;
@@ -93,17 +58,16 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
 
   const uint8_t* ptr = psktbl->psk_Buf;
   size_t size = psktbl->psk_Size;
-  // Mark 0xB7 written as a little-endian 32-bit value; bytes 2-3 are overwritten with the
-  // entry count at the end, so byte 1 stays 0x00.
-  put_le32(pskTable, 0xB7);
-  uint8_t* pti = pskTable + kTableHeaderSize;
+  // The mark, then 0x00; bytes 2-3 (zero-filled) take the entry count at the end.
+  pskTable[0] = KORA_PSK_TABLE_MARK;
+  uint8_t* pti = pskTable + KORA_PSK_TABLE_HEADER_SIZE;
   size_t nEntries = 0;
   int32_t ret_val = KORA_OK;
 
   for (;;) {
     // Identity, up to ":" (or "|" followed by ":" in bar mode).
     uint8_t* ppsk = pti;
-    pti += 2;
+    pti += KORA_PSK_TABLE_LENGTH_SIZE;
     bool is_bar_start = false;
     size_t eSize = 0;
     for (;;) {
@@ -130,12 +94,12 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
       *pti++ = c;
       ++eSize;
     }
-    if (eSize == 0 || eSize > kMaxIdentityLength || size == 0) {
+    if (eSize == 0 || eSize > KORA_PSK_MAX_IDENTITY_LENGTH || size == 0) {
       return KORA_ERROR;
     }
-    put_be16(ppsk, eSize);
+    kora_psk_put16(ppsk, static_cast<uint16_t>(eSize));
     ppsk = pti;
-    pti += 2;
+    pti += KORA_PSK_TABLE_LENGTH_SIZE;
 
     // Key: two hexadecimal digits per byte, high half first.
     size_t key_bytes = 0;
@@ -169,7 +133,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
       }
     }
 
-    if (key_bytes == 0 || key_bytes > kMaxKeyLength) {
+    if (key_bytes == 0 || key_bytes > KORA_PSK_MAX_KEY_LENGTH) {
       // The entry is dropped uncounted. Only when the key ran to the very end of the text is
       // the table still stored (its dropped bytes trail the counted entries), and the call
       // still reports -1; otherwise nothing is stored.
@@ -179,7 +143,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
       ret_val = KORA_ERROR;
       break;
     }
-    put_be16(ppsk, key_bytes);
+    kora_psk_put16(ppsk, static_cast<uint16_t>(key_bytes));
     if (end == KeyEnd::kBad) {
       // Counted and kept with its complete bytes; stored only when the text is used up (a
       // lone final digit), and -1 reported all the same.
@@ -200,7 +164,7 @@ int32_t parse_and_store(const kora_Net_SSL_PSK_Table_t* psktbl, const uint8_t* o
     }
   }
 
-  put_be16(pskTable + 2, nEntries & 0xFFFF);
+  kora_psk_put16(pskTable + KORA_PSK_TABLE_COUNT_OFFSET, static_cast<uint16_t>(nEntries & 0xFFFF));
   const size_t table_size = static_cast<size_t>(pti - pskTable);
   if (table_size > static_cast<size_t>(INT_MAX)) {
     return KORA_ERROR;  // beyond what the store's int length can carry

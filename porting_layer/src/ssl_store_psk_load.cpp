@@ -1,23 +1,19 @@
 // Installing a stored PSK table on an SSL object, and the PSK client callback that serves an
 // identity and its key from that table during a handshake.
-//
-// The table (as the PSK parser stores it): a 4-byte header whose bytes 2-3 hold the entry
-// count, big-endian, then the entries back to back, each a big-endian 16-bit identity length,
-// the identity, a big-endian 16-bit key length and the key. Its size is not kept: the walk
-// relies on the entry count alone.
+// The table's layout is in ssl_psk_table.h. Its size is not kept: the callback's walk relies
+// on the entry count alone.
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
 #include <cstdlib>
 #include <cstring>
 
+#include "ssl_psk_table.h"
 #include "ssl_store.h"
 #include "ssl_store_log.h"
 
 namespace kora::store {
 namespace {
-
-uint16_t read_be16(const unsigned char* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
 
 int psk_table_load(ssl_obj_hdl_t hdl, const char* file_path) {
   void* buffer = nullptr;
@@ -49,6 +45,7 @@ int psk_table_load(ssl_obj_hdl_t hdl, const char* file_path) {
   // The record owns the table from here until the next load replaces it (or the object
   // layer releases the record).
   if (g_ssl_ctxt[index].psk_identify_key != nullptr) {
+    // Legacy: the replaced table goes back to free() as it is, unwiped (ssl_obj_free wipes).
     free(g_ssl_ctxt[index].psk_identify_key);
   }
   g_ssl_ctxt[index].psk_identify_key = static_cast<char*>(buffer);
@@ -90,7 +87,7 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
     STORE_LOG_ERROR("Unable to get the correct global index\n");
     return 0;
   }
-  const auto* table = reinterpret_cast<const unsigned char*>(g_ssl_ctxt[index].psk_identify_key);
+  const auto* table = reinterpret_cast<const uint8_t*>(g_ssl_ctxt[index].psk_identify_key);
   if (table == nullptr) {
     STORE_LOG_ERROR("Unable to get PSK identify/key\n");
     return 0;
@@ -98,24 +95,24 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
 
   // The hint does not change during the walk; measured once, not per entry.
   const size_t hint_len = hint != nullptr ? std::strlen(hint) : 0;
-  uint16_t entrynum = read_be16(table + 2);
-  const unsigned char* psk_ptr = table + 4;
+  uint16_t entrynum = kora_psk_table_count(table);
+  const uint8_t* psk_ptr = kora_psk_table_entries(table);
   for (; entrynum > 0; --entrynum) {
-    const uint16_t identify_size = read_be16(psk_ptr);
-    const unsigned char* identify = psk_ptr + 2;
-    const unsigned char* key_len_field = identify + identify_size;
-    const uint16_t key_size = read_be16(key_len_field);
-    const unsigned char* key = key_len_field + 2;
+    kora_psk_entry_t entry;
+    const uint8_t* const next = kora_psk_entry_at(psk_ptr, &entry);
+    const uint16_t identify_size = entry.identity_len;
+    const uint8_t* identify = entry.identity;
+    const uint16_t key_size = entry.key_len;
 
     if (identify_size > max_identity_len) {
       // The limit is printed first, the entry's size second.
       STORE_LOG_ERROR("Max identify size from openssl:%d > identify size of UE:%d, can't use",
                       static_cast<int>(max_identity_len), static_cast<int>(identify_size));
-      psk_ptr = key + key_size;
+      psk_ptr = next;
       continue;
     }
     if (hint != nullptr && (hint_len != identify_size || std::memcmp(hint, identify, identify_size) != 0)) {
-      psk_ptr = key + key_size;
+      psk_ptr = next;
       continue;
     }
 
@@ -129,11 +126,11 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
                       static_cast<int>(max_psk_len), static_cast<int>(key_size));
       // intended: the cursor stays on this entry's key-length field, which the next pass
       // reads as the next entry's identity length.
-      psk_ptr = key_len_field;
+      psk_ptr = entry.key_len_field;
       continue;
     }
 
-    std::memcpy(psk, key, key_size);
+    std::memcpy(psk, entry.key, key_size);
     if (key_size < max_psk_len) {
       psk[key_size] = 0;  // a key that fills the room has no terminator: it must stay in bounds
     }
@@ -143,7 +140,7 @@ unsigned int client_callback(SSL* ssl, const char* hint, char* identity, unsigne
 }
 
 // Walks a stored table with every length checked against the buffer, handing out the
-// identities only. Not used by the loader or the callback, which keep their own walk.
+// identities only. The callback's walk trusts the table instead, as it always has.
 int table_identities(const char* name, ssl_psk_identity_fn fn, void* user) {
   char path[512];
   if (name == nullptr || fn == nullptr ||
@@ -153,31 +150,21 @@ int table_identities(const char* name, ssl_psk_identity_fn fn, void* user) {
   void* buffer = nullptr;
   size_t size = 0;
   if (ssl_store_cert_read_decrypt_from_file(path, &buffer, &size) != 0 || buffer == nullptr) {
-    free(buffer);
+    kora_psk_table_free(buffer);
     return KORA_ERROR;
   }
-  const auto* table = static_cast<const unsigned char*>(buffer);
-  constexpr size_t kHeaderSize = 4;
-  constexpr size_t kLengthSize = 2;
-  int count = size >= kHeaderSize ? read_be16(table + 2) : -1;
-  size_t at = kHeaderSize;
+  const auto* table = static_cast<const uint8_t*>(buffer);
+  int count = size >= KORA_PSK_TABLE_HEADER_SIZE ? kora_psk_table_count(table) : -1;
+  size_t at = KORA_PSK_TABLE_HEADER_SIZE;
   for (int i = 0; i < count; ++i) {
-    if (size - at < kLengthSize || size - at - kLengthSize < read_be16(table + at)) {
+    kora_psk_entry_t entry;
+    if (kora_psk_entry_next(table, size, &at, &entry) != 0) {
       count = -1;
       break;
     }
-    const size_t identity_size = read_be16(table + at);
-    const unsigned char* identity = table + at + kLengthSize;
-    at += kLengthSize + identity_size;
-    if (size - at < kLengthSize || size - at - kLengthSize < read_be16(table + at)) {
-      count = -1;
-      break;
-    }
-    at += kLengthSize + read_be16(table + at);
-    fn(identity, identity_size, user);
+    fn(entry.identity, entry.identity_len, user);
   }
-  OPENSSL_cleanse(buffer, size);
-  free(buffer);
+  kora_psk_table_free(buffer);
   return count < 0 ? KORA_ERROR : count;
 }
 

@@ -32,6 +32,7 @@ int put_credential(const char* name, kora_Net_SSL_Cert_Type_t type, const void* 
     return KORA_ERROR;
   }
 
+  // No guard: two failure paths below keep ssl_mutex held on purpose.
   ivra_mutex_lock(&ssl_mutex);
 
   if (cert != nullptr && size != 0) {

@@ -10,6 +10,7 @@
 #include "kora_net_ssl.h"
 #include "msg_diag.h"
 #include "ssl_KM_crypto_services.h"
+#include "ssl_psk_table.h"
 #include "ssl_store.h"
 #include "ssl_store_layout.h"
 #include "ssl_util.h"

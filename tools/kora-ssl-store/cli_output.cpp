@@ -9,25 +9,9 @@
 #include <cstring>
 #include <vector>
 
+#include "write_all.h"
+
 namespace kora::cli {
-namespace {
-
-bool write_all(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-}  // namespace
 
 bool write_output_file(const std::string& path, const uint8_t* data, size_t size, bool replace,
                        std::string* why) {

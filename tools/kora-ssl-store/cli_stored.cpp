@@ -13,6 +13,7 @@
 #include "cli_keys.h"
 #include "cli_report.h"
 #include "commands.h"
+#include "secure_bytes.h"
 #include "ssl_store.h"
 
 namespace kora::cli {
@@ -75,18 +76,15 @@ int open_target(const Args& args, const char* command, Kind* kind, std::string* 
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,
                  std::string* why) {
   const std::string path = stored_path(name, type, key);
-  void* plain = nullptr;
+  void* data = nullptr;
   size_t size = 0;
-  if (path.empty() || ssl_store_cert_read_decrypt_from_file(path.c_str(), &plain, &size) != 0 ||
-      plain == nullptr) {
-    std::free(plain);
+  const bool read = !path.empty() && ssl_store_cert_read_decrypt_from_file(path.c_str(), &data, &size) == 0;
+  const SecureBytes plain = SecureBytes::adopt(data, size);
+  if (!read || plain.data() == nullptr) {
     *why = "cannot unseal " + path + " (damaged, or sealed under other key material): store it again";
     return false;
   }
-  const auto* bytes = static_cast<const uint8_t*>(plain);
-  out->bytes().assign(bytes, bytes + size);
-  OPENSSL_cleanse(plain, size);
-  std::free(plain);
+  out->bytes().assign(plain.data(), plain.data() + plain.size());
   return true;
 }
 

@@ -17,8 +17,8 @@ namespace {
 
 // Adds every certificate after the first in `pem` to the chain of ctx's certificate, provided
 // the first is that certificate. The count added, or -1.
-int add_intermediates(SSL_CTX* ctx, const StoredFile& file) {
-  BioPtr bio(BIO_new_mem_buf(file.ptr, static_cast<int>(file.size)));
+int add_intermediates(SSL_CTX* ctx, const SecureBytes& file) {
+  BioPtr bio(BIO_new_mem_buf(file.data(), static_cast<int>(file.size())));
   X509Ptr leaf(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
   if (!leaf || X509_cmp(leaf.get(), SSL_CTX_get0_certificate(ctx)) != 0) {
     return 0;  // not the certificate on the context: its chain is not ours to add
@@ -45,17 +45,17 @@ void attach_stored_chain(int index, SSL_CTX* ctx, const char* name) {
   }
   (void)SSL_CTX_clear_chain_certs(ctx);  // a chain left from an earlier certificate
   char path[512];
-  StoredFile file;
+  SecureBytes file;
   if (SSL_cert_get_abs_path(name, KORA_NET_SSL_CERTIFICATE_E, path, sizeof path, false) != 0 ||
       fileExists(path) <= 0) {
     return;  // a certificate the application installed itself, with a name for its sessions
   }
-  if (ssl_store_cert_read_decrypt_from_file(path, &file.ptr, &file.size) != 0) {
+  if (read_stored_file(path, &file) != 0) {
     UTIL_LOG_ERROR("SSL_set_cert_info: certificate file of %s not readable, no chain sent\n", name);
     return;
   }
   // Classified as the loader classifies it, from the low 16 bits of the size.
-  if (openssl_IsDerFormat(static_cast<const uint8_t*>(file.ptr), static_cast<uint16_t>(file.size)) != 0) {
+  if (openssl_IsDerFormat(file.data(), static_cast<uint16_t>(file.size())) != 0) {
     return;  // DER: a single certificate
   }
   const int added = add_intermediates(ctx, file);

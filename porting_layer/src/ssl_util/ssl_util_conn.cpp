@@ -16,6 +16,7 @@
 #include <chrono>
 #include <string>
 
+#include "ivra_lock.h"
 #include "ossl_ptr.h"
 #include "ssl_store.h"
 #include "ssl_util.h"
@@ -87,11 +88,11 @@ int attach(int index, int fd, SSL** out) {
   if (!ssl) {
     UTIL_LOG_ERROR("ssl_conn_open: SSL_new failed\n");
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -3;
+    return SSL_UTIL_ERR_NO_RESOURCE;
   }
   if (SSL_set_fd(ssl.get(), fd) != 1) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   slot.peer_alert[0] = '\0';
   (void)SSL_set_app_data(ssl.get(), slot.peer_alert);
@@ -99,7 +100,7 @@ int attach(int index, int fd, SSL** out) {
   if (slot.role == SSL_OBJ_ROLE_CLIENT) {
     if (slot.server_name[0] != '\0' && !expect_server(ssl.get(), slot.server_name)) {
       log_ssl_internal_error_impl(__func__, __LINE__);
-      return -1;
+      return SSL_UTIL_ERR_FAILED;
     }
     if (slot.psk_identity[0] != '\0') {
       SSL_set_psk_client_callback(ssl.get(), psk_by_identity);
@@ -129,19 +130,17 @@ void note_agreement(int index, SSL* ssl) {
 int conn_open(ssl_obj_hdl_t hdl, int fd) {
   if (fd < 0) {
     UTIL_LOG_ERROR("ssl_conn_open: invalid socket %d\n", fd);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_conn_open: unknown handle %u\n", hdl);
-    return -2;
+  SlotLock lock(hdl, "ssl_conn_open");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   SSL* ssl = nullptr;
   const int status = attach(index, fd, &ssl);
   const bool client = slot_at(index).role == SSL_OBJ_ROLE_CLIENT;
-  ivra_mutex_unlock(&ssl_mutex);
+  lock.unlock();  // the handshake runs without the lock
   if (status != 0) {
     return status;
   }
@@ -149,20 +148,19 @@ int conn_open(ssl_obj_hdl_t hdl, int fd) {
   if ((client ? SSL_connect(ssl) : SSL_accept(ssl)) != 1) {
     UTIL_LOG_ERROR("ssl_conn_open: handshake failed, verify result %ld\n", SSL_get_verify_result(ssl));
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
-  ivra_mutex_lock(&ssl_mutex);
+  const IvraLock relock(&ssl_mutex);
   if (find_slot(hdl) == index) {
     note_agreement(index, ssl);
   }
-  ivra_mutex_unlock(&ssl_mutex);
   return 0;
 }
 
 int conn_read(ssl_obj_hdl_t hdl, void* buf, int len) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr || buf == nullptr || len <= 0) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   ERR_clear_error();
   const int n = SSL_read(ssl, buf, len);
@@ -175,13 +173,13 @@ int conn_read(ssl_obj_hdl_t hdl, void* buf, int len) {
   }
   UTIL_LOG_ERROR("ssl_conn_read: read failed, SSL error %d\n", error);
   log_ssl_internal_error_impl(__func__, __LINE__);
-  return -1;
+  return SSL_UTIL_ERR_FAILED;
 }
 
 int conn_write(ssl_obj_hdl_t hdl, const void* buf, int len) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr || buf == nullptr || len < 0) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   if (len == 0) {
     return 0;
@@ -194,7 +192,7 @@ int conn_write(ssl_obj_hdl_t hdl, const void* buf, int len) {
   }
   UTIL_LOG_ERROR("ssl_conn_write: write failed, SSL error %d\n", SSL_get_error(ssl, n));
   log_ssl_internal_error_impl(__func__, __LINE__);
-  return -1;
+  return SSL_UTIL_ERR_FAILED;
 }
 
 // Restores a descriptor's blocking mode when it goes.
@@ -221,12 +219,12 @@ class NonBlocking {
 int await_peer(ssl_obj_hdl_t hdl, int timeout_ms) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr || timeout_ms < 0) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   const int fd = SSL_get_rfd(ssl);
   const NonBlocking nonblocking(fd);
   if (!nonblocking.ok()) {
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
@@ -238,7 +236,7 @@ int await_peer(ssl_obj_hdl_t hdl, int timeout_ms) {
     }
     if (SSL_get_error(ssl, n) != SSL_ERROR_WANT_READ) {
       log_ssl_internal_error_impl(__func__, __LINE__);
-      return -1;
+      return SSL_UTIL_ERR_FAILED;
     }
     // A TLS 1.3 server sends its tickets once it has accepted the client's last flight.
     if (SSL_is_server(ssl) == 0 && SSL_SESSION_is_resumable(SSL_get0_session(ssl)) == 1) {
@@ -257,34 +255,33 @@ int await_peer(ssl_obj_hdl_t hdl, int timeout_ms) {
 int conn_shutdown(ssl_obj_hdl_t hdl) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   ERR_clear_error();
   if (SSL_shutdown(ssl) < 0) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   return 0;
 }
 
 int conn_close(ssl_obj_hdl_t hdl) {
-  ivra_mutex_lock(&ssl_mutex);
+  IvraLock lock(&ssl_mutex);
   const int index = find_slot(hdl);
   SslPtr ssl(index < 0 ? nullptr : slot_at(index).ssl.exchange(nullptr));
   if (!ssl) {
-    ivra_mutex_unlock(&ssl_mutex);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   g_ssl_ctxt[index].conn_hndl = 0;
   g_ssl_ctxt[index].openssl_conn_hndl = 0;
-  ivra_mutex_unlock(&ssl_mutex);
+  lock.unlock();  // the connection is freed without the lock
   return 0;
 }
 
 int conn_info(ssl_obj_hdl_t hdl, ssl_conn_info_t* out) {
   SSL* ssl = connection_of(hdl);
   if (ssl == nullptr || out == nullptr) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   *out = ssl_conn_info_t{};
   (void)g_strlcpy(out->protocol, SSL_get_version(ssl), sizeof out->protocol);

@@ -8,12 +8,12 @@
 
 #include <openssl/ssl.h>
 
-#include <openssl/crypto.h>
-
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 
+#include "ivra_lock.h"
+#include "secure_bytes.h"
+#include "ssl_store.h"
 #include "ssl_util.h"
 
 namespace kora::util {
@@ -28,27 +28,37 @@ struct Slot {
   char peer_alert[64] = {};     // the last alert the peer sent on the connection, "" for none
 };
 
-// The plain bytes of a sealed file as the store's read call hands them out (malloc'd), wiped and
-// freed when this goes.
-struct StoredFile {
-  void* ptr = nullptr;
+// Reads and unseals the stored file at `path` into *out (whatever the store's read call hands
+// out, on failure too); the call's status.
+inline int read_stored_file(const char* path, SecureBytes* out) {
+  void* data = nullptr;
   size_t size = 0;
-  StoredFile() = default;
-  StoredFile(const StoredFile&) = delete;
-  StoredFile& operator=(const StoredFile&) = delete;
-  ~StoredFile() {
-    if (ptr != nullptr) {
-      OPENSSL_cleanse(ptr, size);
-      std::free(ptr);
-    }
-  }
-};
+  const int status = ssl_store_cert_read_decrypt_from_file(path, &data, &size);
+  *out = SecureBytes::adopt(data, size);
+  return status;
+}
 
 // The slot of each record of g_ssl_ctxt, same index.
 Slot& slot_at(int index);
 
 // Index of the slot holding `hdl`, or -1.
 int find_slot(ssl_obj_hdl_t hdl);
+
+// ssl_mutex held over the slot of a handle. When the handle names no object, the lock is
+// released again and "<call>: unknown handle <hdl>" logged (after the release): found() is
+// false and the caller returns SSL_UTIL_ERR_INVALID.
+class SlotLock {
+ public:
+  SlotLock(ssl_obj_hdl_t hdl, const char* call);
+  bool found() const { return index_ >= 0; }
+  int index() const { return index_; }
+  // Releases before the scope ends (a handshake, or a free, runs without the lock).
+  void unlock() { lock_.unlock(); }
+
+ private:
+  IvraLock lock_;
+  int index_;
+};
 
 // Client side, under ssl_mutex: hands the session marked in the record's `sess` to a new
 // connection, unless its files are missing or it has expired.

@@ -5,10 +5,10 @@
 
 extern "C" int ssl_get_random_number(uint16_t len, uint8_t* buf) {
   if (buf == nullptr) {
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   if (len == 0) {
-    return 0;
+    return SSL_UTIL_OK;
   }
-  return RAND_bytes(buf, len) == 1 ? 0 : -1;
+  return RAND_bytes(buf, len) == 1 ? SSL_UTIL_OK : SSL_UTIL_ERR_FAILED;
 }

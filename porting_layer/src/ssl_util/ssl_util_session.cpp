@@ -13,12 +13,14 @@
 #include <ctime>
 #include <vector>
 
+#include "ivra_lock.h"
 #include "ossl_ptr.h"
 #include "ssl_store.h"
 #include "ssl_store_layout.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
+#include "write_all.h"
 
 namespace kora::util {
 namespace {
@@ -28,31 +30,15 @@ constexpr char kTimestampSuffix[] = KORA_STORE_TIMESTAMP_SUFFIX;
 constexpr int kMaxSessionNumber = 9999;
 constexpr long kMaxSessionFileSize = 64L * 1024;
 
-bool write_all(int fd, const void* data, size_t size) {
-  const auto* p = static_cast<const uint8_t*>(data);
-  while (size > 0) {
-    const ssize_t n = ::write(fd, p, size);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Writes a whole file, mode 0600. 0 on success, -1 on error.
 int write_file(const char* path, const void* data, size_t size) {
   const int fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_TRUNC, 0600);
   if (fd < 0) {
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   const bool written = write_all(fd, data, size);
   const bool closed = ::close(fd) == 0;
-  return written && closed ? 0 : -1;
+  return written && closed ? SSL_UTIL_OK : SSL_UTIL_ERR_FAILED;
 }
 
 // The path of "<name>_<n><suffix>" in the sessions directory, from the store's resolver, into
@@ -110,13 +96,13 @@ int store_files(const char* name, const SSL_SESSION* session, const session_stor
   const int der_len = i2d_SSL_SESSION(session, nullptr);
   if (der_len <= 0) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   std::vector<uint8_t> der(static_cast<size_t>(der_len));
   uint8_t* cursor = der.data();
   (void)i2d_SSL_SESSION(session, &cursor);
 
-  int status = -1;
+  int status = SSL_UTIL_ERR_FAILED;
   char timestamp[512];
   for (int n = 1; n <= kMaxSessionNumber; ++n) {
     if (!session_path(chosen, chosen_len, name, n, kSessionSuffix) ||
@@ -143,20 +129,20 @@ int store_files(const char* name, const SSL_SESSION* session, const session_stor
 }
 
 int save(ssl_obj_hdl_t hdl, char* path, size_t path_len) {
-  ivra_mutex_lock(&ssl_mutex);
+  IvraLock lock(&ssl_mutex);
   const int index = find_slot(hdl);
   SSL* ssl = index < 0 ? nullptr : slot_at(index).ssl.load();
   if (ssl == nullptr || g_ssl_ctxt[index].cert[0] == '\0') {
-    ivra_mutex_unlock(&ssl_mutex);
+    lock.unlock();
     UTIL_LOG_ERROR("ssl_session_save: no connection or no credential name on handle %u\n", hdl);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   gbl_ssl_ctx_t& rec = g_ssl_ctxt[index];
   SslSessionPtr session(SSL_get1_session(ssl));
   if (!session || SSL_SESSION_is_resumable(session.get()) != 1) {
-    ivra_mutex_unlock(&ssl_mutex);
+    lock.unlock();
     UTIL_LOG_ERROR("ssl_session_save: no resumable session on handle %u\n", hdl);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   const session_store_t record = describe(session.get());
   char chosen[sizeof rec.sess];
@@ -171,7 +157,7 @@ int save(ssl_obj_hdl_t hdl, char* path, size_t path_len) {
       (void)g_strlcpy(path, chosen, path_len);
     }
   }
-  ivra_mutex_unlock(&ssl_mutex);
+  lock.unlock();  // the session reference is dropped without the lock
   return status;
 }
 
@@ -179,18 +165,14 @@ int set_resume(ssl_obj_hdl_t hdl, const char* session_file) {
   const char* value = session_file != nullptr ? session_file : "";
   if (std::strlen(value) >= sizeof gbl_ssl_ctx_t{}.sess) {
     UTIL_LOG_ERROR("ssl_session_set_resume: session path too long\n");
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_session_set_resume: unknown handle %u\n", hdl);
-    return -2;
+  const SlotLock lock(hdl, "ssl_session_set_resume");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
-  (void)g_strlcpy(g_ssl_ctxt[index].sess, value, sizeof g_ssl_ctxt[index].sess);
-  ivra_mutex_unlock(&ssl_mutex);
-  return 0;
+  (void)g_strlcpy(g_ssl_ctxt[lock.index()].sess, value, sizeof gbl_ssl_ctx_t{}.sess);
+  return SSL_UTIL_OK;
 }
 
 }  // namespace
@@ -213,14 +195,14 @@ void offer_saved_session(int index, SSL* ssl) {
     UTIL_LOG_HIGH("Saved session expired, full handshake\n");
     return;
   }
-  StoredFile plain;  // the session's master secret
-  if (ssl_store_cert_read_decrypt_from_file(session_file, &plain.ptr, &plain.size) != 0 ||
-      plain.size > static_cast<size_t>(kMaxSessionFileSize)) {
+  SecureBytes plain;  // the session's master secret
+  if (read_stored_file(session_file, &plain) != 0 ||
+      plain.size() > static_cast<size_t>(kMaxSessionFileSize)) {
     UTIL_LOG_HIGH("Saved session not usable, full handshake\n");
     return;
   }
-  const auto* cursor = static_cast<const uint8_t*>(plain.ptr);
-  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(plain.size)));
+  const uint8_t* cursor = plain.data();
+  SslSessionPtr session(d2i_SSL_SESSION(nullptr, &cursor, static_cast<long>(plain.size())));
   if (!session || SSL_set_session(ssl, session.get()) != 1) {
     UTIL_LOG_ERROR("Saved session could not be decoded\n");
     log_ssl_internal_error_impl(__func__, __LINE__);

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "ivra_lock.h"
 #include "ossl_ptr.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
@@ -21,24 +22,19 @@ int set_protocol_bounds(ssl_obj_hdl_t hdl, int min_version, int max_version) {
   if (!known_version(min_version) || !known_version(max_version) ||
       (min_version != 0 && max_version != 0 && min_version > max_version)) {
     UTIL_LOG_ERROR("ssl_obj_set_protocol_bounds: unsupported bounds 0x%x..0x%x\n", min_version, max_version);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_obj_set_protocol_bounds: unknown handle %u\n", hdl);
-    return -2;
+  const SlotLock lock(hdl, "ssl_obj_set_protocol_bounds");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
-  SSL_CTX* ctx = slot_at(index).ctx.load();
-  int status = 0;
+  SSL_CTX* ctx = slot_at(lock.index()).ctx.load();
   if (SSL_CTX_set_min_proto_version(ctx, min_version) != 1 ||
       SSL_CTX_set_max_proto_version(ctx, max_version) != 1) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    status = -1;
+    return SSL_UTIL_ERR_FAILED;
   }
-  ivra_mutex_unlock(&ssl_mutex);
-  return status;
+  return SSL_UTIL_OK;
 }
 
 // True when every name of a TLS 1.3 suite list is a suite OpenSSL knows. OpenSSL itself skips
@@ -66,51 +62,42 @@ int set_ciphers(ssl_obj_hdl_t hdl, const char* tls12_ciphers, const char* tls13_
   SslCtxPtr probe(SSL_CTX_new(TLS_method()));
   if (!probe) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   if (tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(probe.get(), tls12_ciphers) != 1) {
     UTIL_LOG_ERROR("ssl_obj_set_ciphers: cipher list refused: %s\n", tls12_ciphers);
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   if (tls13_suites != nullptr && !suites_known(probe.get(), tls13_suites)) {
     UTIL_LOG_ERROR("ssl_obj_set_ciphers: TLS 1.3 suites refused: %s\n", tls13_suites);
     log_ssl_internal_error_impl(__func__, __LINE__);
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_obj_set_ciphers: unknown handle %u\n", hdl);
-    return -2;
+  const SlotLock lock(hdl, "ssl_obj_set_ciphers");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
-  SSL_CTX* ctx = slot_at(index).ctx.load();
-  int status = 0;
+  SSL_CTX* ctx = slot_at(lock.index()).ctx.load();
   if ((tls12_ciphers != nullptr && SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1) ||
       (tls13_suites != nullptr && SSL_CTX_set_ciphersuites(ctx, tls13_suites) != 1)) {
     log_ssl_internal_error_impl(__func__, __LINE__);
-    status = -1;
+    return SSL_UTIL_ERR_FAILED;
   }
-  ivra_mutex_unlock(&ssl_mutex);
-  return status;
+  return SSL_UTIL_OK;
 }
 
 int set_verify(ssl_obj_hdl_t hdl, int mode) {
   if ((mode & ~kVerifyModeBits) != 0 || (mode != SSL_VERIFY_NONE && (mode & SSL_VERIFY_PEER) == 0)) {
     UTIL_LOG_ERROR("ssl_obj_set_verify: invalid verify mode 0x%x\n", mode);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_obj_set_verify: unknown handle %u\n", hdl);
-    return -2;
+  const SlotLock lock(hdl, "ssl_obj_set_verify");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
-  SSL_CTX_set_verify(slot_at(index).ctx.load(), mode, nullptr);
-  ivra_mutex_unlock(&ssl_mutex);
-  return 0;
+  SSL_CTX_set_verify(slot_at(lock.index()).ctx.load(), mode, nullptr);
+  return SSL_UTIL_OK;
 }
 
 // Copies `value` (null: "") into the slot field chosen by `field`; -2 when too long or unknown.
@@ -119,18 +106,14 @@ int set_slot_text(ssl_obj_hdl_t hdl, const char* value, char* (*field)(Slot&), s
   const char* text = value != nullptr ? value : "";
   if (std::strlen(text) >= size) {
     UTIL_LOG_ERROR("%s: value too long\n", call);
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("%s: unknown handle %u\n", call, hdl);
-    return -2;
+  const SlotLock lock(hdl, call);
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
-  (void)g_strlcpy(field(slot_at(index)), text, size);
-  ivra_mutex_unlock(&ssl_mutex);
-  return 0;
+  (void)g_strlcpy(field(slot_at(lock.index())), text, size);
+  return SSL_UTIL_OK;
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ivra_lock.h"
 #include "ossl_ptr.h"
+#include "ssl_psk_table.h"
 #include "ssl_util.h"
 #include "ssl_util_internal.h"
 #include "ssl_util_log.h"
@@ -66,16 +68,23 @@ int find_slot(ssl_obj_hdl_t hdl) {
   return -1;
 }
 
+SlotLock::SlotLock(ssl_obj_hdl_t hdl, const char* call) : lock_(&ssl_mutex), index_(find_slot(hdl)) {
+  if (index_ < 0) {
+    lock_.unlock();
+    UTIL_LOG_ERROR("%s: unknown handle %u\n", call, hdl);
+  }
+}
+
 int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
   if (hdl == nullptr || (role != SSL_OBJ_ROLE_CLIENT && role != SSL_OBJ_ROLE_SERVER)) {
     UTIL_LOG_ERROR("ssl_obj_create: invalid role or null handle pointer\n");
-    return -2;
+    return SSL_UTIL_ERR_INVALID;
   }
   SslCtxPtr ctx = new_context(role);
   if (!ctx) {
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
-  ivra_mutex_lock(&ssl_mutex);
+  IvraLock lock(&ssl_mutex);
   int index = -1;
   for (int i = 0; i < SSL_MAX_OBJ; ++i) {
     if (g_slots[i].handle.load(std::memory_order_relaxed) == 0) {
@@ -84,9 +93,9 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
     }
   }
   if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
+    lock.unlock();
     UTIL_LOG_ERROR("ssl_obj_create: all %d SSL objects are in use\n", SSL_MAX_OBJ);
-    return -3;
+    return SSL_UTIL_ERR_NO_RESOURCE;
   }
   const uint32_t handle = next_handle();
   gbl_ssl_ctx_t& rec = g_ssl_ctxt[index];
@@ -101,19 +110,16 @@ int create(ssl_obj_role_t role, ssl_obj_hdl_t* hdl) {
   slot.ssl.store(nullptr, std::memory_order_relaxed);
   slot.ctx.store(ctx.release(), std::memory_order_relaxed);  // owned by the slot until free
   slot.handle.store(handle, std::memory_order_release);
-  ivra_mutex_unlock(&ssl_mutex);
   *hdl = handle;
   return 0;
 }
 
 int destroy(ssl_obj_hdl_t hdl) {
-  ivra_mutex_lock(&ssl_mutex);
-  const int index = find_slot(hdl);
-  if (index < 0) {
-    ivra_mutex_unlock(&ssl_mutex);
-    UTIL_LOG_ERROR("ssl_obj_free: unknown handle %u\n", hdl);
-    return -2;
+  const SlotLock lock(hdl, "ssl_obj_free");
+  if (!lock.found()) {
+    return SSL_UTIL_ERR_INVALID;
   }
+  const int index = lock.index();
   Slot& slot = g_slots[index];
   slot.handle.store(0, std::memory_order_release);
   SslPtr ssl(slot.ssl.exchange(nullptr));
@@ -125,13 +131,9 @@ int destroy(ssl_obj_hdl_t hdl) {
   ssl.reset();
   ctx.reset();
   gbl_ssl_ctx_t& rec = g_ssl_ctxt[index];
-  // The PSK table belongs to the record and holds keys. Its length is not kept with it: the
-  // whole allocation (a plain malloc, which CRYPTO_free hands back to free) is wiped.
-  if (rec.psk_identify_key != nullptr) {
-    OPENSSL_clear_free(rec.psk_identify_key, malloc_usable_size(rec.psk_identify_key));
-  }
+  // The PSK table belongs to the record and holds keys.
+  kora_psk_table_free(rec.psk_identify_key);
   std::memset(&rec, 0, sizeof rec);
-  ivra_mutex_unlock(&ssl_mutex);
   return 0;
 }
 
@@ -161,7 +163,7 @@ int SSL_set_cert_info(SSL_CTX* ctx, const char* name) {
   int index = -1;
   if (name == nullptr || utility_get_ssl_ctxt(ctx, &index) != 0) {
     UTIL_LOG_ERROR("SSL_set_cert_info: no SSL object for the context or null name\n");
-    return -1;
+    return SSL_UTIL_ERR_FAILED;
   }
   (void)g_strlcpy(g_ssl_ctxt[index].cert, name, sizeof g_ssl_ctxt[index].cert);
   kora::util::attach_stored_chain(index, ctx, name);

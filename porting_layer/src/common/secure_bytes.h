@@ -1,0 +1,67 @@
+// Bytes that hold key material or plain credentials: one malloc'd block, released with
+// OPENSSL_clear_free (wiped, then handed to OpenSSL's free, which is free() unless a test
+// watches it) on every path. malloc rather than OPENSSL_malloc, because such blocks cross the
+// C interface both ways: the store's read call hands out malloc'd plain bytes, and the key
+// service hands its plain bytes to callers that free() them.
+#pragma once
+
+#include <openssl/crypto.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+
+namespace kora {
+
+class SecureBytes {
+ public:
+  SecureBytes() = default;
+  // A block of `size` bytes (one byte at least is allocated), zero-filled when asked; data() is
+  // null when memory ran out.
+  explicit SecureBytes(size_t size, bool zeroed = false)
+      : data_(static_cast<uint8_t*>(zeroed ? std::calloc(size > 0 ? size : 1, 1)
+                                           : std::malloc(size > 0 ? size : 1))),
+        size_(size) {}
+  // Takes a malloc'd block handed out through a C call (null is fine).
+  static SecureBytes adopt(void* data, size_t size) {
+    SecureBytes bytes;
+    bytes.data_ = static_cast<uint8_t*>(data);
+    bytes.size_ = size;
+    return bytes;
+  }
+  SecureBytes(SecureBytes&& other) noexcept
+      : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  SecureBytes& operator=(SecureBytes&& other) noexcept {
+    if (this != &other) {
+      reset();
+      data_ = std::exchange(other.data_, nullptr);
+      size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+  }
+  SecureBytes(const SecureBytes&) = delete;
+  SecureBytes& operator=(const SecureBytes&) = delete;
+  ~SecureBytes() { reset(); }
+
+  uint8_t* data() const { return data_; }
+  size_t size() const { return size_; }
+
+  // Hands the block out unwiped, at the call that takes it over.
+  uint8_t* release() {
+    size_ = 0;
+    return std::exchange(data_, nullptr);
+  }
+  void reset() {
+    if (data_ != nullptr) {
+      OPENSSL_clear_free(std::exchange(data_, nullptr), size_);
+    }
+    size_ = 0;
+  }
+
+ private:
+  uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+}  // namespace kora
