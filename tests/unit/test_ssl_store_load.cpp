@@ -60,7 +60,8 @@ TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
     ERR_clear_error();
     live[i] = heap::live_blocks();
   }
-  EXPECT_TRUE(live[0] == live[1] && live[1] == live[2]) << "repeated loads leak: " << live[0] << ", " << live[1] << ", " << live[2];
+  EXPECT_TRUE(live[0] == live[1] && live[1] == live[2])
+      << "repeated loads leak: " << live[0] << ", " << live[1] << ", " << live[2];
   EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
   EXPECT_TRUE(store_lock_is_free());
   EXPECT_STREQ(record().cert, row.recorded);

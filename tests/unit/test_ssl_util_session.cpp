@@ -128,13 +128,15 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
 // goes out as SNI. Saved sessions are dropped first: one would be resumed without a new check.
 std::string g_sni;
 TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
-  ASSERT_EQ(X509_STORE_add_cert(SSL_CTX_get_cert_store(ssl_get_obj_context(client_)), server_cert_.cert.get()), 1);
+  ASSERT_EQ(
+      X509_STORE_add_cert(SSL_CTX_get_cert_store(ssl_get_obj_context(client_)), server_cert_.cert.get()), 1);
   ASSERT_EQ(ssl_obj_set_verify(client_, SSL_VERIFY_PEER), 0);
-  SSL_CTX_set_tlsext_servername_callback(ssl_get_obj_context(server_), +[](SSL* ssl, int*, void*) {
-    const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
-    g_sni = sni != nullptr ? sni : "";
-    return SSL_TLSEXT_ERR_OK;
-  });
+  SSL_CTX_set_tlsext_servername_callback(
+      ssl_get_obj_context(server_), +[](SSL* ssl, int*, void*) {
+        const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+        g_sni = sni != nullptr ? sni : "";
+        return SSL_TLSEXT_ERR_OK;
+      });
   for (const auto& [name, accepted, sni] :
        {std::tuple{"other.example", false, "other.example"}, std::tuple{"192.0.2.1", false, ""},
         std::tuple{"127.0.0.1", true, ""}, std::tuple{"server.example", true, "server.example"}}) {
