@@ -95,6 +95,11 @@ long live_blocks() {
   return static_cast<long>(state().live.size());
 }
 
+bool is_live(const void* block) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  return state().live.count(block) != 0;
+}
+
 }  // namespace kora::test::heap
 
 extern "C" {

@@ -18,5 +18,6 @@ void watch_secrets(std::vector<std::string> secrets);
 int secret_releases(bool only_own = false);
 // Blocks handed out by the product's malloc/calloc/realloc or OpenSSL's allocator, not released.
 long live_blocks();
+bool is_live(const void* block);
 
 }  // namespace kora::test::heap
