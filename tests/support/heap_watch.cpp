@@ -8,7 +8,7 @@
 
 #include <cstring>
 #include <mutex>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 extern "C" {
@@ -24,7 +24,7 @@ namespace {
 
 struct State {
   std::mutex lock;
-  std::unordered_set<const void*> live;
+  std::unordered_map<const void*, bool> live;  // block: allocated while secrets are watched
   std::vector<std::string> secrets;
   int own_secret_releases = 0, openssl_secret_releases = 0;
 };
@@ -33,32 +33,43 @@ State& state() {
   return *s;
 }
 
-// While secrets are watched, new bytes start zeroed, so that a secret found in a released block
-// was written during its life, not left behind by an earlier user of the memory. From `from` on.
-void* added(void* p, size_t from = 0) {
+// Only blocks allocated while secrets are watched are searched, and their bytes start zeroed:
+// a secret found was written during the block's life, not left by an earlier user of the
+// memory, and no byte searched is undefined (valgrind). A moved block keeps its first `kept`
+// bytes and its mark.
+void* added(void* p, size_t kept = 0, bool watched_before = false) {
   if (p != nullptr) {
     const std::lock_guard<std::mutex> guard(state().lock);
-    state().live.insert(p);
+    const bool watched = !state().secrets.empty() && (kept == 0 || watched_before);
+    state().live[p] = watched;
     const size_t size = malloc_usable_size(p);
-    if (!state().secrets.empty() && from < size) {
-      std::memset(static_cast<char*>(p) + from, 0, size - from);
+    if (watched && kept < size) {
+      std::memset(static_cast<char*>(p) + kept, 0, size - kept);
     }
   }
   return p;
 }
 
-void forget(void* p) {
+// Whether p was searchable; it is no longer tracked.
+bool forget(void* p) {
   const std::lock_guard<std::mutex> guard(state().lock);
-  state().live.erase(p);
+  const auto it = state().live.find(p);
+  const bool watched = it != state().live.end() && it->second;
+  if (it != state().live.end()) {
+    state().live.erase(it);
+  }
+  return watched;
 }
 
 void releasing(void* p, bool by_openssl) {
   if (p == nullptr) {
     return;
   }
+  if (!forget(p)) {
+    return;
+  }
   State& s = state();
   const std::lock_guard<std::mutex> guard(s.lock);
-  s.live.erase(p);
   for (const std::string& secret : s.secrets) {
     if (memmem(p, malloc_usable_size(p), secret.data(), secret.size()) != nullptr) {
       ++(by_openssl ? s.openssl_secret_releases : s.own_secret_releases);
@@ -108,10 +119,8 @@ void* __wrap_calloc(size_t n, size_t size) { return kora::test::heap::added(__re
 void* __wrap_realloc(void* p, size_t n) {
   const size_t kept = p != nullptr ? malloc_usable_size(p) : 0;
   void* moved = __real_realloc(p, n);
-  if (moved != nullptr) {
-    kora::test::heap::forget(p);
-  }
-  return kora::test::heap::added(moved, kept);
+  const bool watched = moved != nullptr && kora::test::heap::forget(p);
+  return kora::test::heap::added(moved, kept, watched);
 }
 void __wrap_free(void* p) {
   kora::test::heap::releasing(p, false);
