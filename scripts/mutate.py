@@ -263,6 +263,7 @@ def main():
     parser.add_argument("--goal", type=float, default=95.0)
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
     parser.add_argument("--test-timeout", type=int, default=30)
+    parser.add_argument("--summary", metavar="LOG", help="score the fates printed in LOG, run nothing")
     args = parser.parse_args()
 
     chosen, everything = [], generate()
@@ -288,35 +289,50 @@ def main():
     # A stopped run still puts the mutated line back (SystemExit runs the finally clauses).
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     equivalents = load_equivalents()
+    results = {}
+    if args.summary:  # the fates printed by an earlier run, with today's list of equivalents
+        for raw in Path(args.summary).read_text().splitlines():
+            match = re.match(r"^([skoh]\d+)\s+(killed|hang|survived|equivalent|stillborn)\s", raw)
+            if match:
+                results[match.group(1)] = match.group(2)
+        return summarize(chosen, results, equivalents, args.goal)
+
     work = Path(os.environ.get("KORA_MUTATE_DIR", "/tmp/kora-mutate"))
     src, build, tests, covered = prepare(work, args.jobs)
-    results = {}
     started = time.time()
-    for m in chosen:
-        outcome = try_mutant(m, src, build, args.jobs, args.test_timeout, tests, covered)
-        if outcome == "survived" and m.key() in equivalents:
-            outcome = "equivalent"
-        results[m.id] = outcome
-        print(f"{m.id:6} {outcome:10} {m.path}:{m.line_no} [{m.operator}] {m.mutated.strip()}",
-              flush=True)
+    try:
+        for m in chosen:
+            results[m.id] = try_mutant(m, src, build, args.jobs, args.test_timeout, tests, covered)
+            print(f"{m.id:6} {results[m.id]:10} {m.path}:{m.line_no} [{m.operator}] "
+                  f"{m.mutated.strip()}", flush=True)
+    finally:
+        print(f"\n# {len(results)} of {len(chosen)} mutants in {time.time() - started:.0f} s")
+        met = summarize(chosen, results, equivalents, args.goal)
     run(["cmake", "--build", str(build), f"-j{args.jobs}"], src)  # leave the scratch build clean
+    return met
 
-    print(f"\n# {len(chosen)} mutants in {time.time() - started:.0f} s\n")
-    print("| group | mutants | stillborn | equivalent | killed | of which by a hang | survived | score |")
+
+def summarize(chosen, results, equivalents, goal):
+    """Prints the score table and every survivor; 0 when each goal group reaches the goal."""
+    done = [m for m in chosen if m.id in results]
+    for m in done:
+        if results[m.id] in ("survived", "equivalent"):
+            results[m.id] = "equivalent" if m.key() in equivalents else "survived"
+    print("\n| group | mutants | stillborn | equivalent | killed | of which by a hang | survived | score |")
     print("|---|---|---|---|---|---|---|---|")
     met = True
     for group in GROUPS:
-        outcomes = [results[m.id] for m in chosen if m.group == group]
+        outcomes = [results[m.id] for m in done if m.group == group]
         if not outcomes:
             continue
         count = {k: outcomes.count(k) for k in ("stillborn", "equivalent", "killed", "hang", "survived")}
         count["killed"] += count["hang"]
         live = count["killed"] + count["survived"]
         score = 100.0 * count["killed"] / live if live else 100.0
-        met &= group not in GOAL_GROUPS or score >= args.goal
+        met &= group not in GOAL_GROUPS or score >= goal
         print(f"| {group} | {len(outcomes)} | {count['stillborn']} | {count['equivalent']} | "
               f"{count['killed']} | {count['hang']} | {count['survived']} | {score:.1f}% |")
-    for m in chosen:
+    for m in done:
         if results[m.id] in ("survived", "equivalent"):
             reason = equivalents.get(m.key(), "NOT KILLED")
             print(f"{results[m.id]:10} {m.id}: {m.key()} -- {reason}")

@@ -10,14 +10,20 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cli_format.h"
 #include "cli_keys.h"
 #include "cli_names.h"
 #include "cli_report.h"
+#include "cli_stored.h"
 #include "commands.h"
 #include "ssl_store.h"
 
 namespace kora::cli {
 namespace {
+
+// The modes of the store tree: its owner alone reads, writes and enters.
+constexpr mode_t kPrivateDirMode = S_IRWXU;
+constexpr mode_t kPrivateFileMode = S_IRUSR | S_IWUSR;
 
 const char* type_word(mode_t mode) {
   switch (mode & S_IFMT) {
@@ -86,7 +92,7 @@ std::string make_private(int dir_fd, const std::string& path) {
     } else {
       why = owner_problem(child, st);
     }
-    if (why.empty() && ::fchmod(fd, S_ISDIR(st.st_mode) ? 0700 : 0600) != 0) {
+    if (why.empty() && ::fchmod(fd, S_ISDIR(st.st_mode) ? kPrivateDirMode : kPrivateFileMode) != 0) {
       why = errno_text(child);
     }
     if (why.empty() && S_ISDIR(st.st_mode)) {
@@ -117,8 +123,8 @@ int refuse_irregular_credential(kora_Net_SSL_Cert_Type_t type, const std::string
     if (key && type != KORA_NET_SSL_CERTIFICATE_E) {
       break;
     }
-    char path[512];
-    if (SSL_cert_get_abs_path(name.c_str(), type, path, sizeof path, key) != KORA_OK) {
+    const std::string path = stored_path(name, type, key);
+    if (path.empty()) {
       continue;  // the store refuses the name itself
     }
     if (const std::string why = store_file_problem(path); !why.empty()) {
@@ -153,8 +159,8 @@ std::string tree_owner_problem() {
       return why + "; refusing to keep credentials there";
     }
     if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      char mode[8];
-      (void)std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+      char mode[sizeof "07777"];
+      (void)std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & ALLPERMS));
       return std::string(path) + " is writable by other users (mode " + mode +
              "); refusing to keep credentials there";
     }
@@ -167,7 +173,7 @@ std::string make_tree_private() {
   if (fd < 0) {
     return errno_text(kStoreRoot);
   }
-  if (::fchmod(fd, 0700) != 0) {
+  if (::fchmod(fd, kPrivateDirMode) != 0) {
     std::string why = errno_text(kStoreRoot);
     (void)::close(fd);
     return why;

@@ -4,6 +4,7 @@
 #include <glib.h>
 #include <json-glib/json-glib.h>
 
+#include <cstdio>
 #include <memory>
 
 #include "cli_names.h"
@@ -24,14 +25,14 @@ constexpr const char* kListSeparator = ", ";
 
 std::string field_text(const Field& f) {
   if (const auto* s = std::get_if<std::string>(&f.value)) {
-    return display(*s);
+    return escaped(*s);
   }
   if (const auto* n = std::get_if<int64_t>(&f.value)) {
     return std::to_string(*n);
   }
   std::string joined;
   for (const std::string& item : std::get<std::vector<std::string>>(f.value)) {
-    joined += (joined.empty() ? "" : kListSeparator) + display(item);
+    joined += (joined.empty() ? "" : kListSeparator) + escaped(item);
   }
   return joined;
 }
@@ -86,7 +87,21 @@ void print_json(FILE* out, JsonBuilder* b) {
 
 }  // namespace
 
-std::string display(const std::string& text) { return escaped(text); }
+std::string escaped(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (g_ascii_isprint(c)) {
+      out += c;
+    } else {
+      char hex[sizeof "\\xHH"];
+      (void)std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+      out += hex;
+    }
+  }
+  return out;
+}
 
 void print_records(FILE* out, const std::vector<Record>& records, bool long_form, Format format) {
   if (format == Format::kJson) {
@@ -100,7 +115,7 @@ void print_records(FILE* out, const std::vector<Record>& records, bool long_form
     return;
   }
   for (const Record& r : records) {
-    (void)std::fprintf(out, "%-4s %s\n", r.kind.word, display(r.name).c_str());
+    (void)std::fprintf(out, "%-*s %s\n", kKindWordWidth, r.kind.word, escaped(r.name).c_str());
     if (long_form) {
       print_fields(out, r);
     }

@@ -19,8 +19,9 @@ void print_records(FILE* out, const std::vector<Record>& records, bool long_form
 // `show`: one record with all its fields.
 void print_record(FILE* out, const Record& record, Format format);
 
-// A text from the store or a certificate, with control characters and other bytes a
-// terminal would act on escaped.
-std::string display(const std::string& text);
+// `text` as it may be printed: printable ASCII as it is, a backslash doubled, any other byte
+// as \xHH. For every text that comes from the store, a certificate or the command line, so
+// that no control character or other byte a terminal would act on reaches it.
+std::string escaped(const std::string& text);
 
 }  // namespace kora::cli

@@ -21,6 +21,9 @@
 namespace kora::cli {
 namespace {
 
+// Random bytes sealed and opened again to prove the key material works.
+constexpr size_t kProbeBytes = 32;
+
 std::string key_service_error() {
   const std::string why = kora_km_last_error();
   return why.empty() ? std::string() : ": " + why;
@@ -62,7 +65,7 @@ int prepare_root_key(bool force_new, bool* had_key_blob) {
 }
 
 int probe_key_material() {
-  uint8_t probe[32];
+  uint8_t probe[kProbeBytes];
   (void)RAND_bytes(probe, sizeof probe);
   void* sealed = nullptr;
   void* opened = nullptr;

@@ -1,20 +1,13 @@
 // Name checks and the kind words of the command line.
 #include "cli_names.h"
 
-#include <cstdio>
+#include <glib.h>
+
 #include <iterator>
 
+#include "cli_format.h"
+
 namespace kora::cli {
-namespace {
-
-constexpr Kind kKinds[] = {
-    {"cert", "certificate", KORA_NET_SSL_CERTIFICATE_E},
-    {"ca", "CA list", KORA_NET_SSL_CA_LIST_E},
-    {"psk", "PSK table", KORA_NET_SSL_PSK_TABLE_E},
-    {"di", "device-identity certificate", KORA_NET_SSL_DI_CERT_E},
-};
-
-}  // namespace
 
 std::string name_problem(const std::string& name) {
   if (name.empty()) {
@@ -25,7 +18,7 @@ std::string name_problem(const std::string& name) {
            " are allowed";
   }
   for (const char c : name) {
-    if (c < ' ' || c > '~') {
+    if (!g_ascii_isprint(c)) {
       return "it contains the byte " + escaped(std::string(1, c)) + ": only printable ASCII is allowed";
     }
   }
@@ -43,31 +36,13 @@ std::string name_refusal(const std::string& name) {
   return why.empty() ? why : "refusing name '" + escaped(name) + "': " + why;
 }
 
-std::string escaped(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c >= ' ' && c <= '~') {
-      out += c;
-    } else {
-      char hex[5];
-      (void)std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-      out += hex;
-    }
-  }
-  return out;
-}
-
-const Kind* kinds_begin() { return std::begin(kKinds); }
-const Kind* kinds_end() { return std::end(kKinds); }
-
-std::optional<Kind> parse_kind(const std::string& word) {
+std::optional<Kind> parse_kind(const std::string& word, std::string* why) {
   for (const Kind& k : kKinds) {
     if (word == k.word) {
       return k;
     }
   }
+  *why = "unknown kind '" + word + "': use " + kind_words(", ", " or ");
   return std::nullopt;
 }
 
@@ -80,12 +55,22 @@ const Kind* find_kind(kora_Net_SSL_Cert_Type_t type) {
   return nullptr;
 }
 
-std::string kind_words() { return "cert, ca, psk or di"; }
+std::string kind_words(const char* separator, const char* last) {
+  std::string words;
+  for (const Kind& k : kKinds) {
+    words += &k == std::begin(kKinds) ? "" : &k == std::end(kKinds) - 1 ? last : separator;
+    words += k.word;
+  }
+  return words;
+}
+
+std::string kind_option(kora_Net_SSL_Cert_Type_t type) { return std::string("--") + find_kind(type)->word; }
 
 std::string target_problem(const std::string& kind_word, const std::string& name, Kind* kind) {
-  const std::optional<Kind> found = parse_kind(kind_word);
+  std::string why;
+  const std::optional<Kind> found = parse_kind(kind_word, &why);
   if (!found) {
-    return "unknown kind '" + kind_word + "': use " + kind_words();
+    return why;
   }
   if (std::string refusal = name_refusal(name); !refusal.empty()) {
     return refusal;

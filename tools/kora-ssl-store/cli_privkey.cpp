@@ -16,9 +16,6 @@
 namespace kora::cli {
 namespace {
 
-using DecoderCtxPtr = std::unique_ptr<OSSL_DECODER_CTX, Free<&OSSL_DECODER_CTX_free>>;
-using EncoderCtxPtr = std::unique_ptr<OSSL_ENCODER_CTX, Free<&OSSL_ENCODER_CTX_free>>;
-
 // The PKCS#8 structure name of OpenSSL's encoders.
 constexpr const char* kPkcs8Structure = "PrivateKeyInfo";
 

@@ -59,18 +59,44 @@ bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::stri
   return true;
 }
 
-int open_target(const Args& args, const char* command, Kind* kind, std::string* name) {
+int open_target(const Args& args, const char* command, Target* target) {
   if (args.positional.size() != 2) {
     return usage_error(std::string(command) + " needs KIND and NAME");
   }
-  *name = args.positional[1];
-  if (const std::string why = target_problem(args.positional[0], *name, kind); !why.empty()) {
+  target->name = args.positional[1];
+  if (const std::string why = target_problem(args.positional[0], target->name, &target->kind); !why.empty()) {
     return usage_error(why);
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
-  return refuse_irregular_credential(kind->type, *name);
+  return refuse_irregular_credential(target->kind.type, target->name);
+}
+
+int fail_not_stored(const char* title, const std::string& name) {
+  return fail(std::string("no ") + title + " named '" + name + "' in the store");
+}
+
+int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name) {
+  const Kind* kind = find_kind(type);
+  const char* title = kind != nullptr ? kind->title : "credential";
+  if (const int rc = refuse_irregular_credential(type, name); rc != kExitOk) {
+    return rc;
+  }
+  if (Is_SSL_cert_file_exist(name.c_str(), type) != KORA_OK) {
+    return fail_not_stored(title, name);
+  }
+  diag_clear();
+  const int status = SSL_cert_load(hdl, type, name.c_str());
+  if (status == KORA_OK) {
+    return kExitOk;
+  }
+  if (status == KORA_ERR_NOT_SUPPORTED) {
+    return fail_store(std::string("loading ") + title + " '" + name +
+                          "' refused: a PSK table and certificates exclude each other on one SSL object",
+                      status);
+  }
+  return fail_store(std::string("loading ") + title + " '" + name + "' failed", status);
 }
 
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,

@@ -8,6 +8,7 @@
 #include "cli_input.h"
 #include "cli_names.h"
 #include "kora_net_ssl.h"
+#include "ssl_util.h"
 
 namespace kora::cli {
 
@@ -23,10 +24,24 @@ bool stored_exists(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool 
 // through its path resolution. Like the store's listing, it takes regular files only.
 bool stored_names(kora_Net_SSL_Cert_Type_t type, bool key, std::vector<std::string>* names, std::string* why);
 
+// One stored credential as a command names it.
+struct Target {
+  Kind kind{};
+  std::string name;
+};
+
 // For commands that take KIND NAME and nothing else (show, rm): checks both words, loads
-// the store's key material and refuses files the store must not open. kExitOk with *kind and *name set, else
-// the exit code after the refusal line was printed.
-int open_target(const Args& args, const char* command, Kind* kind, std::string* name);
+// the store's key material and refuses files the store must not open. kExitOk with *target
+// set, else the exit code after the refusal line was printed.
+int open_target(const Args& args, const char* command, Target* target);
+
+// Prints "no <title> named '<name>' in the store", returns kExitFailed.
+int fail_not_stored(const char* title, const std::string& name);
+
+// Loads the stored credential `name` (already checked against the name rule) onto the
+// object. Returns kExitOk, or prints the failure line (with the store's status) and returns
+// kExitFailed.
+int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name);
 
 // Unseals one stored file into *out. False with the reason in *why.
 bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,

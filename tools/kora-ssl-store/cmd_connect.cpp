@@ -3,30 +3,26 @@
 
 #include <cstdio>
 #include <string>
-#include <utility>
 
 #include "cli_keys.h"
 #include "cli_names.h"
+#include "cli_net.h"
 #include "cli_report.h"
-#include "cli_tls.h"
+#include "cli_session.h"
+#include "cli_stored.h"
 #include "commands.h"
 
 namespace kora::cli {
 namespace {
 
 // How long a TLS 1.3 client waits for the server's verdict on its certificate.
-constexpr int kVerdictWaitMs = 3000;
-
-// The part of the failure line that says why, from what the peer sent and the verification.
-std::string failure_reason(const ssl_conn_info_t& info, bool verified, const std::string& verification) {
-  if (verified && info.verify_result != X509_V_OK) {
-    return ": server certificate " + verification;
-  }
-  if (info.peer_alert[0] != '\0') {
-    return std::string(": the server sent alert '") + info.peer_alert + "'";
-  }
-  return "";
-}
+constexpr int kVerdictWaitSeconds = 3;
+constexpr int kMsPerSecond = 1000;
+// The object layer takes PSK identities of at most this many characters.
+constexpr int kMaxPskIdentityLen = 255;
+// The kinds of credential a client loads, in that order, each named by its kind option.
+constexpr kora_Net_SSL_Cert_Type_t kCredentialKinds[] = {KORA_NET_SSL_CERTIFICATE_E, KORA_NET_SSL_CA_LIST_E,
+                                                         KORA_NET_SSL_PSK_TABLE_E};
 
 int check_options(const Args& args, const std::string& host) {
   if (args.has("--tls1.2") && args.has("--tls1.3")) {
@@ -45,21 +41,21 @@ int check_options(const Args& args, const std::string& host) {
     return usage_error(args.has("--ca") ? "--ca and --insecure exclude each other"
                                         : "give --ca NAME to verify " + host + ", or --insecure to skip it");
   }
-  for (const char* option : {"--cert", "--ca", "--psk"}) {
+  for (const kora_Net_SSL_Cert_Type_t type : kCredentialKinds) {
+    std::string option = kind_option(type);
     if (args.has(option)) {
       if (const std::string refusal = name_refusal(args.value(option)); !refusal.empty()) {
-        return usage_error(std::string(option) + ": " + refusal);
+        return usage_error(option.append(": ").append(refusal));
       }
     }
   }
   return kExitOk;
 }
 
+// The names were checked with the other options, before the store was opened.
 int load_credentials(const Args& args, ssl_obj_hdl_t hdl) {
-  for (const auto& [option, type] :
-       {std::pair{"--cert", KORA_NET_SSL_CERTIFICATE_E}, std::pair{"--ca", KORA_NET_SSL_CA_LIST_E},
-        std::pair{"--psk", KORA_NET_SSL_PSK_TABLE_E}}) {
-    if (args.has(option)) {
+  for (const kora_Net_SSL_Cert_Type_t type : kCredentialKinds) {
+    if (const std::string option = kind_option(type); args.has(option)) {
       if (const int rc = load_credential(hdl, type, args.value(option)); rc != kExitOk) {
         return rc;
       }
@@ -86,7 +82,8 @@ int configure(const Args& args, ssl_obj_hdl_t hdl, const std::string& host) {
   }
   if (args.has("--psk-identity") &&
       ssl_obj_set_psk_identity(hdl, args.value("--psk-identity").c_str()) != 0) {
-    return usage_error("--psk-identity '" + args.value("--psk-identity") + "' is longer than 255 characters");
+    return usage_error("--psk-identity '" + args.value("--psk-identity") + "' is longer than " +
+                       std::to_string(kMaxPskIdentityLen) + " characters");
   }
   return load_credentials(args, hdl);
 }
@@ -122,39 +119,36 @@ int run_connect(const Args& args) {
     return fail(why);
   }
   const bool psk = args.has("--psk");
-  const bool verified = args.has("--ca");
+  const HandshakeReport report{
+      target, "server", args.has("--ca"),
+      psk ? "not applicable (PSK)" : "none: --insecure, the server's certificate was not checked", true};
   diag_clear();
-  const int rc = ssl_conn_open(obj.hdl(), sock.fd());
+  Handshake h = handshake(obj.hdl(), sock.fd());
   // Under TLS 1.3 the server judges our certificate after our side of the handshake ended.
-  ssl_conn_info_t info{};
-  const bool tls13 = ssl_conn_get_info(obj.hdl(), &info) == 0 && std::string(info.protocol) == "TLSv1.3";
-  const int verdict = rc == 0 && tls13 && !psk ? ssl_conn_await_peer(obj.hdl(), kVerdictWaitMs) : 0;
-  (void)ssl_conn_get_info(obj.hdl(), &info);
-  const std::string verification = psk        ? "not applicable (PSK)"
-                                   : verified ? verify_phrase(info.verify_result)
-                                              : "none: --insecure, the server's certificate was not checked";
-  if (rc == 0 && verdict < 0) {
+  const bool tls13 = h.have_info && std::string(h.info.protocol) == "TLSv1.3";
+  const int verdict =
+      h.status == 0 && tls13 && !psk ? ssl_conn_await_peer(obj.hdl(), kVerdictWaitSeconds * kMsPerSecond) : 0;
+  (void)ssl_conn_get_info(obj.hdl(), &h.info);
+  if (h.status == 0 && verdict < 0) {
     (void)ssl_conn_close(obj.hdl());
     return fail("the server " + target + " refused our client certificate after the handshake (alert '" +
-                info.peer_alert + "')");
+                h.info.peer_alert + "')");
   }
-  if (rc != 0) {
-    std::string line =
-        "TLS handshake with " + target + " failed" + failure_reason(info, verified, verification);
+  if (h.status != 0) {
+    std::string line = failure_line(report, h.info);
     if (psk && !args.has("--psk-identity")) {
       line +=
           " (the server's PSK hint chooses the table entry; give --psk-identity ID to choose it yourself)";
     }
-    const int result = fail_store(line, rc);
+    const int result = fail_store(line, h.status);
     (void)ssl_conn_close(obj.hdl());
     return result;
   }
-  std::printf("connected to %s\n", target.c_str());
-  print_conn_info(stdout, info, verification);
+  print_connected("connected to " + target, report, h.info);
   if (verdict == 1) {
-    std::printf("  server verdict: none within %d s (the server sent nothing)\n", kVerdictWaitMs / 1000);
+    std::printf("  server verdict: none within %d s (the server sent nothing)\n", kVerdictWaitSeconds);
   }
-  if (!psk && !verified) {
+  if (!psk && !report.verified) {
     (void)std::fprintf(stderr, "kora-ssl-store connect: warning: nothing was verified (--insecure)\n");
   }
   (void)ssl_conn_shutdown(obj.hdl());

@@ -25,9 +25,6 @@
 namespace kora::cli {
 namespace {
 
-using X509ReqPtr = std::unique_ptr<X509_REQ, Free<&X509_REQ_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, Free<&X509_NAME_free>>;
-
 constexpr const char* kDefaultKey = "ec:P-256";
 constexpr char kRdnSeparator = '/';
 constexpr char kEscape = '\\';
@@ -125,11 +122,9 @@ int run_csr(const Args& args) {
   if (args.positional.size() != 1 || !args.has("--subject")) {
     return usage_error("csr takes NAME and --subject /CN=...");
   }
-  Kind kind{};
   const std::string& name = args.positional[0];
-  if (const std::string why = target_problem(find_kind(KORA_NET_SSL_CERTIFICATE_E)->word, name, &kind);
-      !why.empty()) {
-    return usage_error(why);
+  if (const std::string refusal = name_refusal(name); !refusal.empty()) {
+    return usage_error(refusal);
   }
   std::string why;
   const X509NamePtr subject = parse_subject(args.value("--subject"), &why);
@@ -147,7 +142,8 @@ int run_csr(const Args& args) {
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
-  const bool taken = stored_exists(name, kind.type, false) || stored_exists(name, kind.type, true);
+  const bool taken = stored_exists(name, KORA_NET_SSL_CERTIFICATE_E, false) ||
+                     stored_exists(name, KORA_NET_SSL_CERTIFICATE_E, true);
   if (taken && !args.has("--force")) {
     return fail("certificate '" + name +
                 "' or its key is already stored: pick another name, or give --force to " +
@@ -169,10 +165,10 @@ int run_csr(const Args& args) {
   }
   diag_clear();
   if (taken) {
-    (void)SSL_cert_store(name.c_str(), kind.type, nullptr, 0, false);
+    (void)SSL_cert_store(name.c_str(), KORA_NET_SSL_CERTIFICATE_E, nullptr, 0, false);
   }
-  const int status =
-      SSL_cert_store(name.c_str(), kind.type, key_bytes.data(), static_cast<int>(key_bytes.size()), true);
+  const int status = SSL_cert_store(name.c_str(), KORA_NET_SSL_CERTIFICATE_E, key_bytes.data(),
+                                    static_cast<int>(key_bytes.size()), true);
   if (status != KORA_OK) {
     return fail_store("storing the new private key under '" + name + "' failed", status);
   }
@@ -181,7 +177,7 @@ int run_csr(const Args& args) {
                                                std::fflush(stdout) == 0
                                          : write_output_file(out, pem_bytes, pem.size(), replace, &why);
   if (!written) {
-    (void)SSL_cert_store(name.c_str(), kind.type, nullptr, 0, false);
+    (void)SSL_cert_store(name.c_str(), KORA_NET_SSL_CERTIFICATE_E, nullptr, 0, false);
     return fail((why.empty() ? "writing the request to standard output failed" : why) +
                 "; the new key was not kept");
   }

@@ -18,7 +18,8 @@
 #include "cli_keys.h"
 #include "cli_names.h"
 #include "cli_report.h"
-#include "cli_tls.h"
+#include "cli_session.h"
+#include "cli_stored.h"
 #include "commands.h"
 #include "demo_host.h"
 #include "demo_loopback.h"
@@ -37,6 +38,13 @@ constexpr const char* kClientName = "kora-demo-client";
 constexpr const char* kDeviceName = "kora-demo-device";
 constexpr const char* kPskName = "kora-demo-psk";
 constexpr const char* kPskIdentity = "kora-demo-psk";
+// Key sizes of the demo's two PSK entries, and room for the whole table text (never outgrown).
+constexpr size_t kPskKeyBytes = 32;
+constexpr size_t kSparePskKeyBytes = 16;
+constexpr size_t kPskTextCapacity = 256;
+// Column widths of the result table.
+constexpr int kStepWidth = 62;
+constexpr int kExpectedWidth = 16;
 
 struct DemoName {
   const char* name;
@@ -100,13 +108,14 @@ void make_material(Material* m) {
   m->device = cg::make_signed(leaf, m->ca);
 
   m->psk.identity = kPskIdentity;
-  m->psk.key.resize(32);
-  std::vector<unsigned char> spare(16);
-  if (RAND_bytes(m->psk.key.data(), 32) != 1 || RAND_bytes(spare.data(), 16) != 1) {
+  m->psk.key.resize(kPskKeyBytes);
+  std::vector<unsigned char> spare(kSparePskKeyBytes);
+  if (RAND_bytes(m->psk.key.data(), static_cast<int>(m->psk.key.size())) != 1 ||
+      RAND_bytes(spare.data(), static_cast<int>(spare.size())) != 1) {
     throw std::runtime_error("no random bytes for the PSK");
   }
   // A second entry shows the bar-quoted identity that may hold ":".
-  m->psk_text.reserve(256);  // never reallocated, so no copy of the text is left unwiped
+  m->psk_text.reserve(kPskTextCapacity);  // never reallocated, so no copy of the text is left unwiped
   m->psk_text.append(kPskIdentity).append(":");
   append_hex(&m->psk_text, m->psk.key);
   m->psk_text += "\n|kora:demo:spare|:";
@@ -174,13 +183,13 @@ class StopSignals {
 // (the lock stays held then) or an interrupted run.
 void remove_demo_files() {
   for (const DemoName& d : kDemoNames) {
-    char path[512] = {0};
-    if (SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), false) == KORA_OK) {
-      (void)::remove(path);
+    if (const std::string path = stored_path(d.name, d.type, false); !path.empty()) {
+      (void)::remove(path.c_str());
     }
-    if (d.type == KORA_NET_SSL_CERTIFICATE_E &&
-        SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), true) == KORA_OK) {
-      (void)::remove(path);
+    if (d.type == KORA_NET_SSL_CERTIFICATE_E) {
+      if (const std::string path = stored_path(d.name, d.type, true); !path.empty()) {
+        (void)::remove(path.c_str());
+      }
     }
     ssl_store_delete_binded_session_files(d.name, d.type);
   }
@@ -244,7 +253,7 @@ bool load_all(SslObject* obj, ssl_obj_role_t role, std::initializer_list<DemoNam
   return true;
 }
 
-std::string describe(const SideResult& side) {
+std::string describe(const Handshake& side) {
   if (side.status != 0) {
     std::string s = "handshake failed";
     if (side.have_info && side.info.verify_result != X509_V_OK) {
@@ -353,7 +362,7 @@ void Demo::list_and_remove() {
   for (const DemoName& d : kDemoNames) {
     kora_Net_SSL_Cert_List_t list{};
     const int n = SSL_cert_name_list(d.type, &list);
-    for (int i = 0; i < n && i < 10; ++i) {
+    for (int i = 0; i < n && i < static_cast<int>(std::size(list.name)); ++i) {
       if (std::string(list.name[i]) == d.name) {
         ++listed;
       }
@@ -361,7 +370,7 @@ void Demo::list_and_remove() {
   }
   std::printf("stored by the demo:\n");
   for (const DemoName& d : kDemoNames) {
-    std::printf("  %-4s %s\n", find_kind(d.type)->word, d.name);
+    std::printf("  %-*s %s\n", kKindWordWidth, find_kind(d.type)->word, d.name);
   }
   const int expected = static_cast<int>(std::size(kDemoNames));
   row("list the stored names", std::to_string(expected) + " listed", std::to_string(listed) + " listed",
@@ -378,20 +387,19 @@ void Demo::list_and_remove() {
 }
 
 void Demo::print_table() const {
-  std::printf("\n%-62s %-16s %s\n", "step", "expected", "outcome");
+  std::printf("\n%-*s %-*s %s\n", kStepWidth, "step", kExpectedWidth, "expected", "outcome");
   for (const Row& r : rows_) {
-    std::printf("%-62s %-16s %s %s\n", r.step.c_str(), r.expected.c_str(), r.pass ? "[ok]  " : "[FAIL]",
-                r.outcome.c_str());
+    std::printf("%-*s %-*s %s %s\n", kStepWidth, r.step.c_str(), kExpectedWidth, r.expected.c_str(),
+                r.pass ? "[ok]  " : "[FAIL]", r.outcome.c_str());
   }
 }
 
 // Refuses to run over credentials of the user's that carry the demo's names.
 bool demo_names_free() {
   for (const DemoName& d : kDemoNames) {
-    char path[512] = {0};
+    const std::string path = stored_path(d.name, d.type, false);
     struct stat st {};
-    if (SSL_cert_get_abs_path(d.name, d.type, path, sizeof(path), false) == KORA_OK &&
-        ::lstat(path, &st) == 0) {
+    if (!path.empty() && ::lstat(path.c_str(), &st) == 0) {
       (void)fail(std::string("the store already holds ") + find_kind(d.type)->title + " '" + d.name +
                  "'; the demo does not overwrite it");
       return false;

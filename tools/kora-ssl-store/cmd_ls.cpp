@@ -43,9 +43,10 @@ int run_ls(const Args& args) {
   }
   std::optional<Kind> only;
   if (!args.positional.empty()) {
-    only = parse_kind(args.positional[0]);
+    std::string why;
+    only = parse_kind(args.positional[0], &why);
     if (!only) {
-      return usage_error("unknown kind '" + args.positional[0] + "': use " + kind_words());
+      return usage_error(why);
     }
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
@@ -54,21 +55,21 @@ int run_ls(const Args& args) {
   const bool long_form = args.has("-l");
   std::vector<Record> records;
   int rc = kExitOk;
-  for (const Kind* k = kinds_begin(); k != kinds_end(); ++k) {
-    if (only && only->type != k->type) {
+  for (const Kind& k : kKinds) {
+    if (only && only->type != k.type) {
       continue;
     }
     std::vector<std::string> names;
     std::string why;
-    if (!names_of(*k, &names, &why)) {
+    if (!names_of(k, &names, &why)) {
       return fail(why);
     }
     for (const std::string& name : names) {
-      Record r{*k, name, {}};
+      Record r{k, name, {}};
       if (long_form &&
-          (refuse_irregular_credential(k->type, name) != kExitOk || !describe(*k, name, &r, &why))) {
+          (refuse_irregular_credential(k.type, name) != kExitOk || !describe(k, name, &r, &why))) {
         // One unreadable credential does not hide the others.
-        (void)fail(display(why));
+        (void)fail(escaped(why));
         rc = kExitFailed;
       }
       records.push_back(std::move(r));

@@ -75,7 +75,8 @@ int put_file(const Args& args, const Kind& kind, const std::string& name) {
   }
   for (const char* option : {"--cert", "--key", "--p12", "--pass"}) {
     if (args.has(option)) {
-      return usage_error(std::string(option) + " belongs to 'put cert', not 'put " + kind.word + "'");
+      return usage_error(std::string(option) + " belongs to 'put " +
+                         find_kind(KORA_NET_SSL_CERTIFICATE_E)->word + "', not 'put " + kind.word + "'");
     }
   }
   const std::string& path = args.positional[2];

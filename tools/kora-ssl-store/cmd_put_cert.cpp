@@ -22,9 +22,6 @@
 namespace kora::cli {
 namespace {
 
-using Pkcs12Ptr = std::unique_ptr<PKCS12, Free<&PKCS12_free>>;
-using ProviderPtr = std::unique_ptr<OSSL_PROVIDER, Free<&OSSL_PROVIDER_unload>>;
-
 constexpr const char* kLegacyProvider = "legacy";
 
 struct Credential {

@@ -11,15 +11,14 @@
 namespace kora::cli {
 
 int run_show(const Args& args) {
-  Kind kind{};
-  std::string name;
-  if (const int rc = open_target(args, "show", &kind, &name); rc != kExitOk) {
+  Target t;
+  if (const int rc = open_target(args, "show", &t); rc != kExitOk) {
     return rc;
   }
   Record r;
   std::string why;
-  if (!describe(kind, name, &r, &why)) {
-    return fail(display(why));
+  if (!describe(t.kind, t.name, &r, &why)) {
+    return fail(escaped(why));
   }
   print_record(stdout, r, args.has("--json") ? Format::kJson : Format::kText);
   return kExitOk;

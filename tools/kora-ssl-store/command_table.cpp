@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "cli_names.h"
 #include "commands.h"
 #include "ssl_store_layout.h"
 
@@ -54,14 +55,15 @@ const std::vector<Command>& command_table() {
        &run_put},
       {"ls",
        "list the stored names of one kind or of all kinds",
-       "usage: kora-ssl-store ls [-l] [--json] [cert|ca|psk|di]\n"
-       "\n"
-       "Prints one line per stored credential, sorted by kind and name: KIND NAME.\n"
-       "-l adds the details 'show' prints: for a certificate its subject, issuer,\n"
-       "not-after date (EXPIRED, or EXPIRES SOON within 30 days), key type and size,\n"
-       "SHA-256 fingerprint and chain length; for a PSK table its identities (never\n"
-       "the keys). A certificate name that 'csr' made and that waits for its\n"
-       "certificate is listed too. --json prints a JSON array instead.\n",
+       "usage: kora-ssl-store ls [-l] [--json] [" + kind_words("|", "|") +
+           "]\n"
+           "\n"
+           "Prints one line per stored credential, sorted by kind and name: KIND NAME.\n"
+           "-l adds the details 'show' prints: for a certificate its subject, issuer,\n"
+           "not-after date (EXPIRED, or EXPIRES SOON within 30 days), key type and size,\n"
+           "SHA-256 fingerprint and chain length; for a PSK table its identities (never\n"
+           "the keys). A certificate name that 'csr' made and that waits for its\n"
+           "certificate is listed too. --json prints a JSON array instead.\n",
        {{}, {"-l", "--json"}},
        &run_ls},
       {"show",
@@ -89,7 +91,8 @@ const std::vector<Command>& command_table() {
        "usage: kora-ssl-store rm KIND NAME\n"
        "\n"
        "Removes the credential; a certificate goes together with its private key. TLS\n"
-       "session files bound to the name are removed too. KIND is cert, ca, psk or di.\n",
+       "session files bound to the name are removed too. KIND is " +
+           kind_words(", ", " or ") + ".\n",
        {},
        &run_rm},
       {"der2pem",

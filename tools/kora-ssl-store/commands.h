@@ -16,7 +16,7 @@ inline constexpr int kExitUsage = 2;
 struct Command {
   const char* name;
   const char* synopsis;  // one line for the command list
-  const char* usage;     // full --help text
+  std::string usage;     // full --help text
   OptionSpec options;    // which options take a value and which are plain flags
   int (*run)(const Args& args);
 };

@@ -17,6 +17,12 @@
 namespace kora::cli {
 namespace {
 
+// The mode asked for the directories above the data root that the demo makes (the
+// tool's umask narrows it).
+constexpr mode_t kSystemDirMode = 0755;
+// Directory descriptors the removal of the demo's tree may hold open at once.
+constexpr int kMaxOpenDirs = 16;
+
 bool exists(const std::string& path) {
   struct stat st {};
   return ::lstat(path.c_str(), &st) == 0;
@@ -37,7 +43,7 @@ bool DemoHost::prepare(std::string* why) {
     if (exists(dir)) {
       continue;
     }
-    if (::mkdir(dir.c_str(), 0755) != 0) {
+    if (::mkdir(dir.c_str(), kSystemDirMode) != 0) {
       *why = "cannot create " + dir + ": " + std::strerror(errno);
       restore();
       return false;
@@ -93,7 +99,7 @@ void DemoHost::restore() {
   if (!created_dirs_.empty()) {
     // The data root is ours: everything below it was made by this run.
     const std::string root = created_dirs_.back();
-    if (::nftw(root.c_str(), &remove_entry, 16, FTW_DEPTH | FTW_PHYS) != 0) {
+    if (::nftw(root.c_str(), &remove_entry, kMaxOpenDirs, FTW_DEPTH | FTW_PHYS) != 0) {
       leftovers_.push_back(root);
     }
     for (auto it = created_dirs_.rbegin() + 1; it != created_dirs_.rend(); ++it) {

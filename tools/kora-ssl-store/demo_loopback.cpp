@@ -12,19 +12,15 @@
 #include <cstring>
 #include <thread>
 
-#include "cli_tls.h"
+#include "cli_net.h"
+#include "cli_session.h"
 #include "ossl_ptr.h"
 
 namespace kora::cli {
 namespace {
 
-// A side that stops answering must not hang the demo.
-void set_timeouts(int fd) {
-  struct timeval tv {};
-  tv.tv_sec = 10;
-  (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-}
+// A side that stops answering for this long must not hang the demo.
+constexpr int kSideTimeoutSeconds = 10;
 
 unsigned int psk_server_cb(SSL* ssl, const char* identity, unsigned char* psk, unsigned int max_psk_len) {
   const auto* peer = static_cast<const PskPeer*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
@@ -41,36 +37,35 @@ unsigned int psk_server_cb(SSL* ssl, const char* identity, unsigned char* psk, u
 LoopbackResult run_loopback(const Side& server, const Side& client) {
   LoopbackResult result;
   int port = 0;
-  Socket listener = tcp_listen("127.0.0.1", 0, &port, &result.error);
+  Socket listener = tcp_listen(kLoopbackAddress, 0, &port, &result.error);
   if (listener.fd() < 0) {
     return result;
   }
   std::thread server_thread([&] {
-    Socket conn(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    std::string ignored;  // a failed client connect has set the error already
+    Socket conn = tcp_accept(listener, &ignored);
     if (conn.fd() < 0) {
       return;
     }
-    set_timeouts(conn.fd());
+    set_io_timeout(conn.fd(), kSideTimeoutSeconds, true);
     result.server = server(conn.fd());
   });
   {
-    Socket sock = tcp_connect("127.0.0.1", std::to_string(port), &result.error);
+    Socket sock = tcp_connect(kLoopbackAddress, std::to_string(port), &result.error);
     if (sock.fd() >= 0) {
-      set_timeouts(sock.fd());
+      set_io_timeout(sock.fd(), kSideTimeoutSeconds, true);
       result.client = client(sock.fd());
     } else {
       // Wake the accepting thread so that it can end.
-      Socket wake = tcp_connect("127.0.0.1", std::to_string(port), &result.error);
+      Socket wake = tcp_connect(kLoopbackAddress, std::to_string(port), &result.error);
     }
   }
   server_thread.join();
   return result;
 }
 
-SideResult object_side(ssl_obj_hdl_t hdl, int fd) {
-  SideResult r;
-  r.status = ssl_conn_open(hdl, fd);
-  r.have_info = ssl_conn_get_info(hdl, &r.info) == 0;
+Handshake object_side(ssl_obj_hdl_t hdl, int fd) {
+  const Handshake r = handshake(hdl, fd);
   if (r.status == 0) {
     (void)ssl_conn_shutdown(hdl);
   }
@@ -78,8 +73,8 @@ SideResult object_side(ssl_obj_hdl_t hdl, int fd) {
   return r;
 }
 
-SideResult psk_server_side(const PskPeer& peer, int version, int fd) {
-  SideResult r;
+Handshake psk_server_side(const PskPeer& peer, int version, int fd) {
+  Handshake r;
   SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()));
   if (!ctx) {
     return r;

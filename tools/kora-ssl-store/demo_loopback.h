@@ -6,29 +6,24 @@
 #include <string>
 #include <vector>
 
+#include "cli_session.h"
 #include "ssl_util.h"
 
 namespace kora::cli {
 
-struct SideResult {
-  int status = -1;  // 0 handshake completed
-  ssl_conn_info_t info{};
-  bool have_info = false;
-};
-
 struct LoopbackResult {
-  SideResult client;
-  SideResult server;
+  Handshake client;
+  Handshake server;
   std::string error;  // set when the sockets themselves failed
 };
 
 // One side of a handshake over a connected socket; the socket stays the caller's.
-using Side = std::function<SideResult(int fd)>;
+using Side = std::function<Handshake(int fd)>;
 
 LoopbackResult run_loopback(const Side& server, const Side& client);
 
 // A side that runs the handshake on an SSL object of the object layer.
-SideResult object_side(ssl_obj_hdl_t hdl, int fd);
+Handshake object_side(ssl_obj_hdl_t hdl, int fd);
 
 // The server side of the PSK handshakes: a plain OpenSSL server that knows one identity and
 // key, limited to one protocol version (TLS1_2_VERSION or TLS1_3_VERSION).
@@ -36,6 +31,6 @@ struct PskPeer {
   std::string identity;
   std::vector<unsigned char> key;
 };
-SideResult psk_server_side(const PskPeer& peer, int version, int fd);
+Handshake psk_server_side(const PskPeer& peer, int version, int fd);
 
 }  // namespace kora::cli

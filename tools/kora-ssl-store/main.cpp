@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     return usage_error(why);
   }
   if (args.help) {
-    (void)std::fputs(command->usage, stdout);
+    (void)std::fputs(command->usage.c_str(), stdout);
     return kExitOk;
   }
   args.verbose = args.verbose || verbose;

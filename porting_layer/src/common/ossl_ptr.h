@@ -3,7 +3,11 @@
 #pragma once
 
 #include <openssl/bio.h>
+#include <openssl/decoder.h>
+#include <openssl/encoder.h>
 #include <openssl/evp.h>
+#include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -29,5 +33,11 @@ using SslPtr = std::unique_ptr<SSL, Free<&SSL_free>>;
 using SslSessionPtr = std::unique_ptr<SSL_SESSION, Free<&SSL_SESSION_free>>;
 using X509ExtPtr = std::unique_ptr<X509_EXTENSION, Free<&X509_EXTENSION_free>>;
 using GeneralNamesPtr = std::unique_ptr<GENERAL_NAMES, Free<&GENERAL_NAMES_free>>;
+using X509ReqPtr = std::unique_ptr<X509_REQ, Free<&X509_REQ_free>>;
+using X509NamePtr = std::unique_ptr<X509_NAME, Free<&X509_NAME_free>>;
+using Pkcs12Ptr = std::unique_ptr<PKCS12, Free<&PKCS12_free>>;
+using ProviderPtr = std::unique_ptr<OSSL_PROVIDER, Free<&OSSL_PROVIDER_unload>>;
+using DecoderCtxPtr = std::unique_ptr<OSSL_DECODER_CTX, Free<&OSSL_DECODER_CTX_free>>;
+using EncoderCtxPtr = std::unique_ptr<OSSL_ENCODER_CTX, Free<&OSSL_ENCODER_CTX_free>>;
 
 }  // namespace kora

@@ -1,31 +1,27 @@
-// Sockets, SSL object ownership and connection reports.
-#include "cli_tls.h"
+// Sockets: host:port words, connecting, listening, accepting and deadlines.
+#include "cli_net.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <openssl/x509.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 
-#include "cli_files.h"
-#include "cli_names.h"
-#include "cli_report.h"
-#include "commands.h"
-#include "ssl_store.h"
+#include "cli_args.h"
 
 namespace kora::cli {
+namespace {
 
-SslObject::~SslObject() {
-  if (hdl_ != 0) {
-    (void)ssl_obj_free(hdl_);
-  }
-}
+constexpr int kMaxPort = 65535;    // ports are 16-bit, 0 is not one a user names
+constexpr int kListenBacklog = 8;  // clients are served one at a time; a few may queue
 
-int SslObject::create(ssl_obj_role_t role) { return ssl_obj_create(role, &hdl_); }
+}  // namespace
 
 Socket::~Socket() {
   if (fd_ >= 0) {
@@ -34,8 +30,8 @@ Socket::~Socket() {
 }
 
 bool parse_port(const std::string& text, int* port, std::string* why) {
-  if (!parse_number(text, 1, 65535, port)) {
-    *why = "port '" + text + "' is not a number from 1 to 65535";
+  if (!parse_number(text, 1, kMaxPort, port)) {
+    *why = "port '" + text + "' is not a number from 1 to " + std::to_string(kMaxPort);
     return false;
   }
   return true;
@@ -108,7 +104,7 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
     return Socket();
   }
   if (::bind(s.fd(), reinterpret_cast<const struct sockaddr*>(&sa), sizeof(sa)) != 0 ||
-      ::listen(s.fd(), 8) != 0) {
+      ::listen(s.fd(), kListenBacklog) != 0) {
     *why = "cannot listen on " + address + ":" + std::to_string(port) + ": " + std::strerror(errno);
     return Socket();
   }
@@ -121,62 +117,42 @@ Socket tcp_listen(const std::string& address, int port, int* bound_port, std::st
   return s;
 }
 
-int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name) {
-  const Kind* kind = find_kind(type);
-  const char* title = kind != nullptr ? kind->title : "credential";
-  if (const std::string refusal = name_refusal(name); !refusal.empty()) {
-    return usage_error(refusal);
+Socket tcp_accept(const Socket& listener, std::string* why) {
+  for (;;) {
+    Socket client(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (client.fd() >= 0) {
+      return client;
+    }
+    if (errno != EINTR) {
+      *why = std::string("accept failed: ") + std::strerror(errno);
+      return Socket();
+    }
   }
-  if (const int rc = refuse_irregular_credential(type, name); rc != kExitOk) {
-    return rc;
-  }
-  if (Is_SSL_cert_file_exist(name.c_str(), type) != KORA_OK) {
-    return fail(std::string("no ") + title + " named '" + name + "' in the store");
-  }
-  diag_clear();
-  const int status = SSL_cert_load(hdl, type, name.c_str());
-  if (status == KORA_OK) {
-    return kExitOk;
-  }
-  if (status == KORA_ERR_NOT_SUPPORTED) {
-    return fail_store(std::string("loading ") + title + " '" + name +
-                          "' refused: a PSK table and certificates exclude each other on one SSL object",
-                      status);
-  }
-  return fail_store(std::string("loading ") + title + " '" + name + "' failed", status);
 }
 
-void answer_client(ssl_obj_hdl_t hdl, const std::string& line) {
-  constexpr int kClientFirstWaitMs = 1000;  // a client that speaks first does so at once
-  std::string request;
-  char buf[1024];
-  for (int n; request.size() < 8192 && request.find("\r\n\r\n") == std::string::npos &&
-              ssl_conn_await_peer(hdl, kClientFirstWaitMs) == 0 &&
-              (n = ssl_conn_read(hdl, buf, sizeof buf)) > 0;) {
-    request.append(buf, static_cast<size_t>(n));
+void set_io_timeout(int fd, int seconds, bool reads_too) {
+  const timeval limit{seconds, 0};
+  if (reads_too) {
+    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   }
-  std::string reply = line + "\n";
-  if (request.compare(0, 4, "GET ") == 0 || request.compare(0, 5, "HEAD ") == 0 ||
-      request.compare(0, 5, "POST ") == 0) {
-    reply = "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(reply.size()) +
-            "\r\nConnection: close\r\n\r\n" + reply;
-  }
-  (void)ssl_conn_write(hdl, reply.data(), static_cast<int>(reply.size()));
+  (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-std::string verify_phrase(long verify_result) {
-  if (verify_result == X509_V_OK) {
-    return "ok";
-  }
-  return std::string("failed: ") + X509_verify_cert_error_string(verify_result);
-}
+SocketDeadline::SocketDeadline(int fd, int seconds)
+    : thread_([this, fd, seconds] {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!over_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; })) {
+          (void)::shutdown(fd, SHUT_RDWR);
+        }
+      }) {}
 
-void print_conn_info(FILE* out, const ssl_conn_info_t& info, const std::string& verification) {
-  (void)std::fprintf(out, "  protocol:      %s\n", info.protocol);
-  (void)std::fprintf(out, "  cipher:        %s\n", info.cipher[0] != '\0' ? info.cipher : "(none)");
-  (void)std::fprintf(out, "  peer subject:  %s\n",
-                     info.peer_subject[0] != '\0' ? info.peer_subject : "(no certificate)");
-  (void)std::fprintf(out, "  verification:  %s\n", verification.c_str());
+SocketDeadline::~SocketDeadline() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    done_ = true;
+  }
+  over_.notify_one();
+  thread_.join();
 }
 
 }  // namespace kora::cli
