@@ -1,7 +1,6 @@
 // Pass phrases: from the command line, the environment, a file, standard input or a prompt.
 #include "cli_pass.h"
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <unistd.h>
@@ -10,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace kora::cli {
 namespace {
@@ -80,15 +78,15 @@ bool PassPhrase::fetch_from_source(SecureVector* text, std::string* why) {
     *why = "encrypted; give its pass phrase with --pass " + std::string(kPassSources);
     return false;
   }
-  std::vector<char> buf(PEM_BUFSIZE);
+  SecureVector buf(PEM_BUFSIZE);
+  char* line = reinterpret_cast<char*>(buf.data());
   const std::string prompt = "pass phrase for " + what_ + ":";
-  const bool ok = EVP_read_pw_string(buf.data(), static_cast<int>(buf.size()), prompt.c_str(), 0) == 0;
+  const bool ok = EVP_read_pw_string(line, static_cast<int>(buf.size()), prompt.c_str(), 0) == 0;
   if (ok) {
-    assign(text, buf.data(), std::strlen(buf.data()));
+    assign(text, line, std::strlen(line));
   } else {
     *why = "no pass phrase read for " + what_;
   }
-  OPENSSL_cleanse(buf.data(), buf.size());
   return ok;
 }
 
