@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "file_bytes.h"
 #include "subprocess.h"
@@ -30,6 +31,14 @@ inline Result cli(const std::string& command) {
   auto child = start(command, "/data/cli.err");
   const int code = child ? child->wait_exit(std::chrono::seconds(30)) : -1;
   return {code, child ? child->output() : "", slurp("/data/cli.err")};
+}
+
+// Runs each command in turn; one that fails fails the case.
+inline void cli_all(const std::vector<const char*>& commands) {
+  for (const char* command : commands) {
+    const Result r = cli(command);
+    ASSERT_EQ(r.code, 0) << command << ": " << r.out << r.err;
+  }
 }
 
 }  // namespace kora::test

@@ -34,13 +34,13 @@ namespace {
 using kora::test::in_child;
 using kora::test::kError;
 using kora::test::kHigh;
+using kora::test::kStoreRoot;
 using kora::test::LogCapture;
 using kora::test::slurp;
 using std::filesystem::exists;
 
-const std::string kSsl = "/data/data_velto/.ssl/";
-const std::string kBlob = kSsl + "keyblob/takey.blob";
-const std::string kNonce = kSsl + "keyblob/takey.nonce";
+const std::string kBlob = kStoreRoot + "keyblob/takey.blob";
+const std::string kNonce = kStoreRoot + "keyblob/takey.nonce";
 const char* const kRootKey = "/data/km/root.key";
 
 void spill(const std::string& path, const std::string& bytes) {
@@ -119,7 +119,7 @@ class FaultTest : public ::testing::Test {
     if (sk_X509_OBJECT_num(X509_STORE_get0_objects(SSL_CTX_get_cert_store(ctx_))) != 0) return "CA entries";
     if (record.psk_identify_key != nullptr) return "a PSK table";
     if (record.cert[0] != '\0') return std::string("the name ") + record.cert;
-    if (exists(kSsl + "temp")) return "the CA list's temporary file";
+    if (exists(kStoreRoot + "temp")) return "the CA list's temporary file";
     return "";
   }
 
@@ -153,7 +153,7 @@ TEST_P(TamperedFile, EveryFlippedByteAndEveryCutIsRefusedCleanly) {
   start();
   put_all("dev", make_credentials("dev"));
   put_all("other", make_credentials("other"));
-  const std::string path = kSsl + row.file;
+  const std::string path = kStoreRoot + row.file;
   const std::string sealed = slurp(path);
   ASSERT_GT(sealed.size(), 16u);
 
@@ -250,13 +250,13 @@ TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
   const int child = in_child([&] {
     LogCapture log;
     const int status = put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert);
-    const bool reported = log.has("Error in opening " + kSsl + "certs/new\n", kError) &&
+    const bool reported = log.has("Error in opening " + kStoreRoot + "certs/new\n", kError) &&
                           log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
                           log.has("Failed to write cert file to file location\n", kError);
     return reported ? status : 99;
   });
   EXPECT_EQ(child, 255) << "expected -1 with the open, seal and store messages (99: a message is missing)";
-  EXPECT_FALSE(exists(kSsl + "certs/new"));
+  EXPECT_FALSE(exists(kStoreRoot + "certs/new"));
 
   // Removal fails as clearly, and takes nothing away.
   LogCapture log;
@@ -277,8 +277,8 @@ TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
 TEST_F(FaultTest, DirectoryReplacedByAFileFailsItsKindOnly) {
   start();
   put_all("keep", make_credentials("keep"));
-  std::filesystem::remove_all(kSsl + "certs");
-  spill(kSsl + "certs", "not a directory");
+  std::filesystem::remove_all(kStoreRoot + "certs");
+  spill(kStoreRoot + "certs", "not a directory");
 
   const Credentials fresh = make_credentials("new");
   EXPECT_EQ(in_child([&] { return put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert); }), 255);
@@ -404,7 +404,7 @@ TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
   char good[] = "client:00112233\n";
   kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(sizeof good - 1), reinterpret_cast<uint8_t*>(good)};
   ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("dev")), KORA_OK);
-  const std::string before = slurp(kSsl + "psk_table/dev");
+  const std::string before = slurp(kStoreRoot + "psk_table/dev");
 
   for (std::string text : {std::string("\x01\x02\xff\xfe binary, no separator"), std::string("id:zz00\nx:11"),
                            std::string("|open bar without end:00"), std::string(":00ff")}) {
@@ -412,7 +412,7 @@ TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
                                      reinterpret_cast<uint8_t*>(text.data())};
     EXPECT_EQ(ssl_parse_and_store_psktable(&garbage, reinterpret_cast<const uint8_t*>("dev")), KORA_ERROR)
         << text;
-    EXPECT_EQ(slurp(kSsl + "psk_table/dev"), before) << text;
+    EXPECT_EQ(slurp(kStoreRoot + "psk_table/dev"), before) << text;
   }
   EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "dev"), KORA_OK);
 }

@@ -7,15 +7,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <tuple>
 
 #include "kora_certgen.h"
-#include "kora_net_ssl.h"
-#include "ssl_store.h"
-#include "ssl_util.h"
+#include "loading_fixture.h"
 #include "subprocess.h"
 
 namespace kora::test {
@@ -23,7 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using certgen::Credential;
-using std::filesystem::exists;
 
 // A certificate for `cn`, with `cn` as its host name; self-signed when `issuer` is null.
 Credential issue(const char* cn, const Credential* issuer, bool is_ca = false) {
@@ -37,19 +33,19 @@ struct Exchange {
   ssl_conn_info_t info{};
 };
 
-class Interop : public ::testing::Test {
+// The loading tests' started store, plus the objects a case makes and a directory for the tool.
+class Interop : public LoadingTest {
  protected:
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);  // a peer that hangs up must not end the test process
-    ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-    ::mkdir("/data/km", 0700);
     ::mkdir("/data/tool", 0700);
-    ASSERT_EQ(ssl_store_init(), 0);
+    LoadingTest::SetUp();
   }
   void TearDown() override {
     for (ssl_obj_hdl_t hdl : objects_) {
       ssl_obj_free(hdl);
     }
+    LoadingTest::TearDown();
   }
 
   static std::string tool_file(const std::string& name, const std::string& content) {
@@ -76,11 +72,6 @@ class Interop : public ::testing::Test {
     EXPECT_EQ(ssl_obj_create(role, &hdl), 0);
     objects_.push_back(hdl);
     return hdl;
-  }
-
-  static void store(const char* name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
-                    bool key = false) {
-    ASSERT_EQ(SSL_cert_store(name, type, bytes.data(), static_cast<int>(bytes.size()), key), 0) << name;
   }
 
   // Connects `hdl`, asks for the status page and reads it to its end (the tool sends no close
@@ -119,9 +110,9 @@ const auto kVersionName = [](const auto& p) { return p.param == TLS1_3_VERSION ?
 // connection (its resumption is in the object layer's tests) goes with the credential.
 TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   const Credential dev = issue("dev-client", &ca_);
-  store("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
-  store("dev", KORA_NET_SSL_CERTIFICATE_E, dev.key_pem(), true);
-  store("interop-ca", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
+  put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
+  put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.key_pem(), true);
+  put("interop-ca", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
   const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
   ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
   ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
@@ -141,8 +132,7 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   EXPECT_STREQ(first.info.peer_subject, "/CN=server.test");
   EXPECT_NE(first.reply.find("Subject: CN=dev-client"), std::string::npos) << first.reply;
   ASSERT_EQ(save_rc, 0);
-  const std::string session = "/data/data_velto/.ssl/sessions/dev_1.session";
-  const std::string timestamp = "/data/data_velto/.ssl/sessions/dev_1.timestamp";
+  const std::string session = kSessions + "dev_1.session", timestamp = kSessions + "dev_1.timestamp";
   EXPECT_EQ(saved, session);
   ASSERT_TRUE(exists(session) && exists(timestamp));
   EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
@@ -156,7 +146,7 @@ TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCaOrAnotherHostClea
   const Credential other_ca = issue("other-ca", nullptr, true);
   const Credential impostor = issue("server.test", &other_ca);
   const Credential other_host = issue("other.test", &ca_);
-  store("trusted", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
+  put("trusted", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
   for (const auto& [presented, open_rc, verify_result] :
        {std::tuple{&server_, 0, long{X509_V_OK}},
         std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}},

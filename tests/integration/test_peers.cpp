@@ -164,12 +164,9 @@ class Peers : public ::testing::TestWithParam<Case> {
                                       {"tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk}}) {
       std::ofstream(std::string("/data/in/") + name) << bytes;
     }
-    for (const char* command : {"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
-                                "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key",
-                                "put ca root /data/in/root.pem", "put psk tab /data/in/tab.psk"}) {
-      const Result r = cli(command);
-      ASSERT_EQ(r.code, 0) << command << r.out << r.err;
-    }
+    cli_all({"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
+             "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key", "put ca root /data/in/root.pem",
+             "put psk tab /data/in/tab.psk"});
   }
 };
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "heap_watch.h"
 #include "private_root.h"
 
 int main(int argc, char** argv) {
@@ -21,6 +22,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "cannot set up the private store root: %s\n", why.c_str());
       return 2;
     }
+  }
+  if (!kora::test::heap::watching()) {  // also links the heap watch into every program
+    std::fprintf(stderr, "OpenSSL allocated before the heap watch could see it\n");
   }
   testing::InitGoogleTest(&argc, argv);
   // ctest runs every case in a process of its own, so a death test forks a process that has

@@ -31,20 +31,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "file_bytes.h"
 #include "kora_certgen.h"
 #include "storage_fixture.h"
+#include "subprocess.h"
 
 namespace {
 
+using kora::test::in_child;
 using kora::test::kStoreRoot;
 using kora::test::read_stored;
+using kora::test::slurp;
 
 const char* const kVolume = "ubi0:data";
 const char* const kDebugfs = "/sys/kernel/debug/ubifs/";
@@ -95,14 +98,6 @@ std::vector<Credential> make_credentials() {
     }
   }
   return creds;
-}
-
-std::optional<std::string> slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    return std::nullopt;
-  }
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // A switch that cannot be set would turn the cut into a clean stop: that ends the run.
@@ -234,29 +229,13 @@ struct Counts {
   }
 }
 
+// Unmounts /data without writing (the flash has stopped) and mounts it again: UBIFS recovers.
 bool remount() {
-  if (umount("/data") != 0) {
-    std::perror("umount /data");
-    return false;
-  }
-  if (mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
-    std::perror("mount ubi0:data");
+  if (umount("/data") != 0 || mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
+    std::perror("remount ubi0:data on /data");
     return false;
   }
   return true;
-}
-
-// Runs `fn` in a child process and returns its exit status (-1 when it did not exit).
-template <typename Fn>
-int in_child(Fn fn) {
-  (void)std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    _exit(fn());
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
@@ -288,8 +267,9 @@ int main(int argc, char** argv) {
     sync();
     return 0;
   });
-  const auto keyblob = slurp(kKeyblob), root_key = slurp(kRootKey);
-  if (setup != 0 || !keyblob || !root_key) {
+  // Key files are never empty: "" means missing.
+  const std::string keyblob = slurp(kKeyblob), root_key = slurp(kRootKey);
+  if (setup != 0 || keyblob.empty() || root_key.empty()) {
     (void)std::fprintf(stderr, "power cut: the store cannot be set up (%d)\n", setup);
     return 1;
   }
@@ -403,9 +383,9 @@ int main(int argc, char** argv) {
                     committed[c], static_cast<int>(c) == doubt ? "being written" : "not being written");
       }
     }
-    const auto kb = slurp(kKeyblob), rk = slurp(kRootKey);
-    n.key_missing += (!kb || !rk) ? 1 : 0;
-    n.key_changed += ((kb && *kb != *keyblob) || (rk && *rk != *root_key)) ? 1 : 0;
+    const std::string kb = slurp(kKeyblob), rk = slurp(kRootKey);
+    n.key_missing += (kb.empty() || rk.empty()) ? 1 : 0;
+    n.key_changed += ((!kb.empty() && kb != keyblob) || (!rk.empty() && rk != root_key)) ? 1 : 0;
   }
   umount("/data");
   std::printf(

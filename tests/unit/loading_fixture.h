@@ -23,7 +23,10 @@ class LoadingTest : public StorageTest {
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
     ctx_ = ssl_get_obj_context(hdl_);
   }
-  void TearDown() override { ssl_obj_free(hdl_); }
+  void TearDown() override {
+    ssl_obj_free(hdl_);
+    StorageTest::TearDown();
+  }
 
   static void put(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
                   bool key = false) {

@@ -32,6 +32,13 @@ class StorageTest : public ::testing::Test {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
     ASSERT_EQ(ssl_store_init(), 0);
   }
+  // Every store call of the case has returned: ssl_mutex is free unless the case made a call
+  // that keeps it held.
+  void TearDown() override {
+    EXPECT_TRUE(lock_held_on_purpose_ || lock_is_free()) << "a store call returned with ssl_mutex held";
+  }
+  static bool lock_is_free();
+  bool lock_held_on_purpose_ = false;
 };
 
 using std::filesystem::exists;
@@ -73,5 +80,6 @@ inline bool store_lock_is_free() {
   pthread_mutex_unlock(&ssl_mutex.guard);
   return free;
 }
+inline bool StorageTest::lock_is_free() { return store_lock_is_free(); }
 
 }  // namespace kora::test

@@ -149,14 +149,36 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
 }
 
 #ifndef KORA_KM_TOKEN_TESTS
-// The first use creates the root key, private, with no temporary file left behind.
+// The first use creates the root key and its directory, private, with no temporary file left
+// behind. Every byte of a new key is random, the last one too.
 TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
   struct stat st {};
+  ASSERT_EQ(stat("/data/km", &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
   ASSERT_EQ(stat(kRootKey, &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
   EXPECT_EQ(st.st_size, 32);
   EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
   EXPECT_EQ(blob_.size(), km::kKeyBlobLen);
+  std::string last_bytes;
+  for (int i = 0; i < 16; ++i) {
+    ASSERT_EQ(km::file::make_root_key(true), km::kOk);
+    std::ifstream key(kRootKey, std::ios::binary);
+    key.seekg(31);
+    last_bytes += static_cast<char>(key.get());
+  }
+  EXPECT_NE(last_bytes, std::string(16, last_bytes[0])) << "the last byte of new root keys never changes";
+}
+
+// A root key that cannot be written in full (the file system is full) is never put in place.
+TEST_F(HostKm, RootKeyWrittenShortIsNotPlaced) {
+  ASSERT_EQ(std::system("rm /data/km/root.key && mount -t tmpfs -o size=4k,mode=0700 tmpfs /data/km && "
+                        "(head -c 8192 /dev/zero > /data/km/fill; true)"),
+            0);
+  km::forget_keys();
+  EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
+  struct stat st {};
+  EXPECT_NE(stat(kRootKey, &st), 0) << "a partly written root key was put in place";
 }
 
 void write_file(const std::string& path, const Bytes& b) {

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "heap_watch.h"
 #include "kora_certgen.h"
 #include "loading_fixture.h"
 #include "log_capture.h"
@@ -37,8 +38,11 @@ TEST_P(CaListLoad, ReturnsCodeLogsAndRemovesTemp) {
     put("p", KORA_NET_SSL_PSK_TABLE_E, psk_table({{"id", "k"}}));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "p"), 0);
   }
+  const std::string pem = ca2.cert_pem();
+  heap::watch_secrets({pem.substr(pem.size() / 2, 32)});
   LogCapture log;
   EXPECT_EQ(SSL_ca_list_load(hdl_, "/data/data_velto/.ssl/ca_lists/cas"), row.status);
+  EXPECT_EQ(heap::secret_releases(true), 0) << "the decrypted CA list went back to the heap unwiped";
   EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
   const bool removed = log.has("Temp file removed successfully\n", kHigh);
   EXPECT_EQ(row.removal, removed                                               ? "removed"

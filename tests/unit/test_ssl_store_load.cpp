@@ -1,8 +1,10 @@
+#include <openssl/err.h>
 #include <openssl/x509.h>
 
 #include <string>
 #include <tuple>
 
+#include "heap_watch.h"
 #include "kora_certgen.h"
 #include "loading_fixture.h"
 #include "log_capture.h"
@@ -41,10 +43,25 @@ TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
     put("p", KORA_NET_SSL_PSK_TABLE_E, psk_table({{"id", "k"}}));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "p"), 0);
   }
+  ASSERT_TRUE(heap::watching());
+  const std::string key_pem = cred.key_pem(), key_der = bytes_of(cred.key_der());
+  heap::watch_secrets({key_pem.substr(key_pem.size() / 2, 32), key_der.substr(key_der.size() / 2, 32)});
   LogCapture log;
-  EXPECT_EQ(
-      SSL_cert_load(row.hdl == 1 ? hdl_ : row.hdl, static_cast<kora_Net_SSL_Cert_Type_t>(row.type), row.name),
-      row.status);
+  const auto load = [&] {
+    return SSL_cert_load(row.hdl == 1 ? hdl_ : row.hdl, static_cast<kora_Net_SSL_Cert_Type_t>(row.type),
+                         row.name);
+  };
+  EXPECT_EQ(load(), row.status);
+  EXPECT_EQ(heap::secret_releases(true), 0) << "the decrypted key went back to the heap unwiped";
+  ERR_clear_error();  // error records carry blocks of their own
+  long live[3] = {heap::live_blocks()};
+  for (int i = 1; i < 3; ++i) {
+    load();
+    ERR_clear_error();
+    live[i] = heap::live_blocks();
+  }
+  EXPECT_TRUE(live[0] == live[1] && live[1] == live[2])
+      << "repeated loads leak: " << live[0] << ", " << live[1] << ", " << live[2];
   EXPECT_TRUE(log.has(row.text, row.mask)) << row.text;
   EXPECT_TRUE(store_lock_is_free());
   EXPECT_STREQ(record().cert, row.recorded);
@@ -60,6 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
         LoadRow{"DeviceIdentityRefused", 4, "pem", 1, false, -2, "Invalid Cert Type: 4", H, "", false},
         LoadRow{"ZeroHandle", 1, "pem", 0, false, -1,
                 "File path parameters are invalid or obj handle passed is NULL\n", E, "", false},
+        LoadRow{"UnknownHandle", 1, "pem", 999, false, -2, "SSL object context is NULL\n", E, "", false},
         LoadRow{"PskLoaded", 1, "pem", 1, true, -8,
                 "PSK key is set. Setting both certificate and PSK is not supported\n", H, "p", false},
         LoadRow{"MissingKeyKeepsCert", 1, "nokey", 1, false, -1,

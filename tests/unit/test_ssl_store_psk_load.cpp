@@ -1,13 +1,10 @@
-#include <malloc.h>
-#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "heap_watch.h"
 #include "loading_fixture.h"
 #include "log_capture.h"
 
@@ -15,22 +12,6 @@ namespace kora::test {
 namespace {
 
 using Table = std::vector<std::pair<std::string, std::string>>;
-
-// OpenSSL's allocator with a watch on one block: whether it comes back wiped. Installed during
-// static initialisation, before OpenSSL allocates anything.
-const void* g_watched = nullptr;
-bool g_watched_came_back_wiped = false;
-void* plain_malloc(size_t n, const char* /*file*/, int /*line*/) { return std::malloc(n); }
-void* plain_realloc(void* p, size_t n, const char* /*file*/, int /*line*/) { return std::realloc(p, n); }
-void watching_free(void* p, const char* /*file*/, int /*line*/) {
-  if (p != nullptr && p == g_watched) {
-    const auto* bytes = static_cast<const unsigned char*>(p);
-    g_watched_came_back_wiped =
-        std::all_of(bytes, bytes + malloc_usable_size(p), [](unsigned char b) { return b == 0; });
-  }
-  std::free(p);
-}
-const bool g_allocator_watched = CRYPTO_set_mem_functions(&plain_malloc, &plain_realloc, &watching_free) == 1;
 
 class PskTest : public LoadingTest {
  protected:
@@ -69,6 +50,9 @@ TEST_P(Walk, ChoosesEntryAndLogs) {
   EXPECT_EQ(std::string(identity_.c_str()), row.identity);
   EXPECT_EQ(psk_.substr(0, row.result), row.key);
   EXPECT_EQ(psk_[row.max_psk], '\xAA') << "byte past the declared key room written";
+  if (row.result < row.max_psk) {
+    EXPECT_EQ(psk_[row.result], '\0') << "a key shorter than its room is not terminated";
+  }
   EXPECT_EQ(log.texts(), row.logs);
 }
 
@@ -93,25 +77,36 @@ INSTANTIATE_TEST_SUITE_P(
           {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
            "created identity 'ABCDE'\n"})));
 
+// The replaced table goes back unwiped (kept as shipped); reading and the callback leave no key.
 TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
-  install({{"one", "11"}});
-  install({{"two", "22"}});
+  const std::string one_key = "0f1e2d3c4b5a69788796a5b4c3d2e1f0", two_key = "22";
+  heap::watch_secrets({one_key});
+  install({{"one", one_key}});
+  EXPECT_EQ(call("one", 16, 64), 32u);
+  EXPECT_EQ(heap::secret_releases(), 0) << "the read buffer or the callback left the key in the heap";
+  install({{"two", two_key}});
+  EXPECT_EQ(heap::secret_releases(), 1) << "the replaced table was not released";
   EXPECT_EQ(call("two", 16, 16), 2u);
   const char* before = record().psk_identify_key;
   LogCapture log;
   EXPECT_EQ(SSL_psk_table_load(hdl_, "/data/data_velto/.ssl/psk_table/absent", 256), -1);
   EXPECT_TRUE(log.has("ERROR: Reading psk info from cert loc failed!! \r\n", kError));
   EXPECT_EQ(record().psk_identify_key, before);
+  EXPECT_EQ(SSL_psk_table_load(hdl_, nullptr, 256), -2);
+  EXPECT_TRUE(log.has("Filepath for PSK is set NULL\n", kError));
 }
 
 // The table holds keys: freeing the object hands it back wiped.
 TEST_F(PskTest, FreedObjectReleasesItsTableWiped) {
-  ASSERT_TRUE(g_allocator_watched);
-  install({{"id", "00112233445566778899aabbccddeeff"}});
-  g_watched = record().psk_identify_key;
+  ASSERT_TRUE(heap::watching());
+  const std::string key = "00112233445566778899aabbccddeeff";
+  heap::watch_secrets({key});
+  install({{"id", key}});
+  const long live = heap::live_blocks();
   ASSERT_EQ(ssl_obj_free(hdl_), 0);
   hdl_ = 0;
-  EXPECT_TRUE(g_watched_came_back_wiped) << "the PSK table was freed without being wiped";
+  EXPECT_EQ(heap::secret_releases(), 0) << "the PSK table was freed without being wiped";
+  EXPECT_LT(heap::live_blocks(), live) << "the PSK table was not freed";
 }
 
 }  // namespace

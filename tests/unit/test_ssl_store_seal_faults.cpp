@@ -6,6 +6,7 @@
 #include <string>
 
 #include "fakes.h"
+#include "heap_watch.h"
 #include "log_capture.h"
 #include "ssl_store.h"
 
@@ -26,7 +27,8 @@ std::ostream& operator<<(std::ostream& os, const Fault& r) { return os << r.labe
 
 class SealFault : public testing::TestWithParam<Fault> {};
 
-// A failed write leaves no file; a failed read frees the caller's earlier buffer and clears both outputs.
+// A failed write leaves no file; a failed read frees the caller's earlier buffer and clears both
+// outputs. Nothing stays allocated.
 TEST_P(SealFault, ReportsAndCleansUp) {
   const Fault& f = GetParam();
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/keyblob"));
@@ -38,12 +40,14 @@ TEST_P(SealFault, ReportsAndCleansUp) {
   void* buffer = f.file == 2 ? std::malloc(16) : nullptr;  // from an earlier call
   size_t size = 16;
   const char* target = f.file == 1 ? "/data/data_velto/missing/dev" : kPath;
+  const long live = kora::test::heap::live_blocks() - (f.file == 2);  // the earlier buffer goes
   EXPECT_EQ(-1, f.file >= 2 ? ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size)
                             : ssl_store_cert_write_encrypt_to_file(target, "plain", 5));
   EXPECT_EQ(f.out, testing::internal::GetCapturedStdout());
   EXPECT_EQ(f.text, log.texts().empty() ? "" : log.texts().back());
   EXPECT_TRUE(f.file < 2 || (buffer == nullptr && size == 0));
   EXPECT_TRUE(f.file >= 2 || std::ifstream(kPath).peek() == EOF);
+  EXPECT_EQ(kora::test::heap::live_blocks(), live) << "a sealed or unsealed buffer leaked";
 }
 
 INSTANTIATE_TEST_SUITE_P(

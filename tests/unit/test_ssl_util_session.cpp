@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "file_bytes.h"
 #include "kora_certgen.h"
@@ -34,7 +36,10 @@ class ObjectPair : public ::testing::TestWithParam<int> {
   void SetUp() override {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
     ASSERT_EQ(ssl_store_init(), 0);
-    const auto server = kora::certgen::make_self_signed({});
+    kora::certgen::CertSpec spec;
+    spec.alt_names = {{GEN_DNS, "server.example"}, {GEN_IPADD, std::string("\x7f\x00\x00\x01", 4)}};
+    server_cert_ = kora::certgen::make_self_signed(spec);
+    const auto& server = server_cert_;
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_SERVER, &server_), 0);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &client_), 0);
     ASSERT_EQ(SSL_CTX_use_certificate(ssl_get_obj_context(server_), server.cert.get()), 1);
@@ -83,6 +88,7 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     return out;
   }
 
+  kora::certgen::Credential server_cert_;
   ssl_obj_hdl_t server_ = 0, client_ = 0;
 };
 
@@ -116,6 +122,32 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(second.info.session_reused, 1) << "the saved session was not offered";
   EXPECT_EQ(second.saved, kSessions + "cred_3.session") << "first free number not taken";
   EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
+}
+
+// The server's certificate is trusted; only the names it holds may pass, and only a host name
+// goes out as SNI. Saved sessions are dropped first: one would be resumed without a new check.
+std::string g_sni;
+TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
+  ASSERT_EQ(
+      X509_STORE_add_cert(SSL_CTX_get_cert_store(ssl_get_obj_context(client_)), server_cert_.cert.get()), 1);
+  ASSERT_EQ(ssl_obj_set_verify(client_, SSL_VERIFY_PEER), 0);
+  SSL_CTX_set_tlsext_servername_callback(
+      ssl_get_obj_context(server_), +[](SSL* ssl, int*, void*) {
+        const char* sni = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+        g_sni = sni != nullptr ? sni : "";
+        return SSL_TLSEXT_ERR_OK;
+      });
+  for (const auto& [name, accepted, sni] :
+       {std::tuple{"other.example", false, "other.example"}, std::tuple{"192.0.2.1", false, ""},
+        std::tuple{"127.0.0.1", true, ""}, std::tuple{"server.example", true, "server.example"}}) {
+    ASSERT_EQ(ssl_obj_set_server_name(client_, name), 0);
+    g_sni = "none";
+    for (const auto& entry : std::filesystem::directory_iterator(kSessions)) {
+      std::filesystem::remove(entry.path());
+    }
+    EXPECT_EQ(connect().client_rc == 0, accepted) << name;
+    EXPECT_EQ(g_sni, sni) << name;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, ObjectPair, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),

@@ -1,12 +1,12 @@
 // The table of SSL objects: handles, lookups, the recorded credential name, what freeing an
 // object releases, a full table, and lookups made while another caller holds ssl_mutex.
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <cstdlib>
 #include <string>
 #include <utility>
 
+#include "heap_watch.h"
 #include "log_capture.h"
 #include "ssl_util.h"
 
@@ -52,14 +52,12 @@ TEST(SslUtilTable, FreeReleasesIdentityCertPskTableAndClearsRecord) {
   X509* cert = X509_new();
   ASSERT_EQ(X509_set_ex_data(cert, mark, reinterpret_cast<void*>(1)), 1);
   ASSERT_EQ(SSL_CTX_set_ex_data(ctx, SSL_DI_CERT_EX_DATA_INDEX, cert), 1);  // the object owns it now
-  // A table large enough to live in its own mapping, so its release shows in mallinfo2.
-  constexpr size_t kTableSize = 4u << 20;
-  g_ssl_ctxt[index].psk_identify_key = static_cast<char*>(std::malloc(kTableSize));
+  char* table = static_cast<char*>(std::malloc(64));
+  g_ssl_ctxt[index].psk_identify_key = table;
   SSL_set_cert_info(ctx, "dev");
-  const size_t mapped_before = mallinfo2().hblkhd;
   ASSERT_EQ(ssl_obj_free(hdl), 0);
   EXPECT_EQ(g_marked_certs_freed, 1) << "certificate at ex-data index 1 not freed";
-  EXPECT_LE(mallinfo2().hblkhd + kTableSize, mapped_before) << "PSK table not freed";
+  EXPECT_FALSE(kora::test::heap::is_live(table)) << "PSK table not freed";
   EXPECT_EQ(g_ssl_ctxt[index].psk_identify_key, nullptr);
   EXPECT_EQ(g_ssl_ctxt[index].obj_hndl, 0u);
   EXPECT_STREQ(g_ssl_ctxt[index].cert, "");
@@ -85,8 +83,16 @@ TEST(SslUtilTable, FullTableRefusesWithItsMessage) {
 }
 
 TEST(SslUtilSmallCalls, LengthEdges) {
-  std::string der = std::string("\x30\x81\x80", 3) + std::string(0x80, '\0');
-  EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(der.data()), der.size()), 1) << "30 81 80";
+  const std::string pad(0x80, '\0');
+  // DER only for a SEQUENCE with a definite, minimal length that fits what was handed in.
+  for (const auto& [bytes, der] : std::initializer_list<std::pair<std::string, int>>{
+           {"\x30\x81\x80" + pad, 1}, {std::string("\x30\x02\x05\x00", 4), 1},
+           {std::string("\x31\x00", 2), 0}, {"\x30", 0}, {"\x30\x80" + pad, 0},
+           {"\x30\x85\x01\x01\x01\x01\x01" + pad, 0}, {std::string("\x30\x82\x00\x80", 4) + pad, 0},
+           {"\x30\x82\x01", 0}, {"\x30\x81\x7f" + pad, 0}, {"\x30\x03\x05", 0}}) {
+    EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), der)
+        << testing::PrintToString(bytes.substr(0, 4));
+  }
   uint8_t buf[2] = {0, 0};
   for (int i = 0; i < 64 && buf[0] == 0; ++i) {
     ASSERT_EQ(ssl_get_random_number(1, buf), 0);
