@@ -168,7 +168,9 @@ TEST(SslUtilTable, RepeatedCipherSettingsHoldNoMemory) {
   set_times(300);  // OpenSSL's caches fill within the first two hundred
   const size_t in_use = mallinfo2().uordblks;
   set_times(100);
-  EXPECT_LT(mallinfo2().uordblks, in_use + 100) << "memory kept by every call";
+  // A kept suite list is three blocks a call (nearly 10 KiB here); the heap watch's own
+  // bookkeeping may move a few hundred bytes.
+  EXPECT_LT(mallinfo2().uordblks, in_use + 2048) << "memory kept by every call";
 }
 
 // The rest of a stored PEM file goes onto the context as the chain of its certificate, with a
