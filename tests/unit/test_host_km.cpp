@@ -26,6 +26,16 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+#ifndef KORA_KM_TOKEN_TESTS
+// Link-time substitute for the file backend's random source, failing on demand.
+bool g_random_fails = false;
+}  // namespace
+extern "C" int RAND_bytes(unsigned char* buf, int num) {
+  return g_random_fails ? 0 : RAND_bytes_ex(nullptr, buf, static_cast<unsigned>(num), 0);
+}
+namespace {
+#endif
 namespace km = kora::km;
 const char* const kRootKey = "/data/km/root.key";
 constexpr int kSeal = SSL_KM_DIRECTION_SEAL, kUnseal = SSL_KM_DIRECTION_UNSEAL;
@@ -332,6 +342,37 @@ INSTANTIATE_TEST_SUITE_P(
         TokenCase{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so",
                   km::kErrToken, "cannot load"}),
     [](const auto& p) { return std::string(p.param.label); });
+#endif
+
+// The environment's root-key path only when it names one: empty or unset means the default.
+TEST_F(HostKm, EmptyRootKeyVariableMeansTheDefaultPath) {
+  unsetenv("KORA_KM_ROOT_KEY");
+  const std::string fallback = km::root_key_path();
+  setenv("KORA_KM_ROOT_KEY", "", 1);
+  EXPECT_EQ(km::root_key_path(), fallback);
+  EXPECT_EQ(fallback.front(), '/');
+}
+
+// A failed call's reason does not outlive it: the next call that works reports none.
+TEST_F(HostKm, LastErrorIsClearedByTheNextCall) {
+  EXPECT_NE(crypt(blob_, nonce_, Bytes(3, 'x'), 7), 0);
+  EXPECT_STRNE(kora_km_last_error(), "");
+  seal(Bytes(3, 'x'));
+  EXPECT_STREQ(kora_km_last_error(), "");
+}
+
+#ifndef KORA_KM_TOKEN_TESTS
+// Once the pool of fresh IVs is used up, a random source that fails fails the seal: an IV is
+// never handed out twice.
+TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
+  int failed = 0;
+  g_random_fails = true;
+  for (int i = 0; i <= 340; ++i) {
+    failed += crypt(blob_, nonce_, Bytes(3, 'x'), kSeal) != 0 ? 1 : 0;
+  }
+  g_random_fails = false;
+  EXPECT_GT(failed, 0);
+}
 #endif
 
 }  // namespace
