@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
 
 #include "cli_tool.h"
@@ -116,7 +115,7 @@ std::string fill(const std::string& text, int port) {
 // A peer runs under "timeout", in case this process dies before it can kill it.
 std::vector<std::string> peer_argv(const Case& c, int port) {
   if (c.peer.config != nullptr) {
-    std::ofstream("/data/in/peer.conf") << fill(c.peer.config, port);
+    spill("/data/in/peer.conf", fill(c.peer.config, port));
   }
   std::vector<std::string> argv = words_of(fill(std::string(c.peer.command) + " " + c.peer_options, port));
   argv.insert(argv.begin(), {"timeout", "-s", "KILL", "60", "stdbuf", "-oL", "-eL"});
@@ -162,7 +161,7 @@ class Peers : public ::testing::TestWithParam<Case> {
                                       {"dev.key", dev.key_pem()},
                                       {"beta.psk", psk},
                                       {"tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk}}) {
-      std::ofstream(std::string("/data/in/") + name) << bytes;
+      spill(std::string("/data/in/") + name, bytes);
     }
     cli_all({"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
              "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key", "put ca root /data/in/root.pem",
