@@ -42,11 +42,8 @@ Result shell(const std::string& script) {
 
 // `serve PORT OPTIONS` on a free port, once it listens there.
 std::unique_ptr<Subprocess> serve(const std::string& options, int* port) {
-  ::close(listen_loopback(port));  // a free port, for the server to take
-  auto server = start("serve " + std::to_string(*port) + " " + options, "/data/serve.err");
-  EXPECT_NE(server->wait_for_line("listening on port " + std::to_string(*port) + " at 127.0.0.1", 10s), "")
-      << slurp("/data/serve.err");
-  return server;
+  return start_listening([&](int p) { return cli_argv("serve " + std::to_string(p) + " " + options); },
+                         " at 127.0.0.1", port);
 }
 
 // Serves once with `serve_options` and connects with `connect_options`: the credentials load and
@@ -58,7 +55,7 @@ std::pair<std::string, std::string> expect_handshake(const std::string& serve_op
   const Result r = cli("connect 127.0.0.1:" + std::to_string(port) + " " + connect_options);
   EXPECT_EQ(r.code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("verification:  ok"), std::string::npos) << r.out;
-  EXPECT_EQ(server->wait_exit(10s), 0) << slurp("/data/serve.err");
+  EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
   return {r.out, server->output()};
 }
 

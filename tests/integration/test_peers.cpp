@@ -122,22 +122,6 @@ std::vector<std::string> peer_argv(const Case& c, int port) {
   return argv;
 }
 
-// A program on a free port: the probing socket stays bound until just before the start, and a
-// program that does not reach `ready` (another process took the port) is started again on a new one.
-std::unique_ptr<Subprocess> start_listening(const std::function<std::vector<std::string>(int)>& argv_for,
-                                            const std::string& ready, int* port) {
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    ::close(listen_loopback(port));
-    std::string why;
-    auto child = Subprocess::start(argv_for(*port), &why);
-    if (child && !child->wait_for_line(ready, 20s).empty()) {
-      return child;
-    }
-    ADD_FAILURE() << "attempt " << attempt << ": " << why << (child ? child->output() : "");
-  }
-  return nullptr;
-}
-
 class Peers : public ::testing::TestWithParam<Case> {
  protected:
   void SetUp() override {
