@@ -77,6 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
         LoadRow{"DeviceIdentityRefused", 4, "pem", 1, false, -2, "Invalid Cert Type: 4", H, "", false},
         LoadRow{"ZeroHandle", 1, "pem", 0, false, -1,
                 "File path parameters are invalid or obj handle passed is NULL\n", E, "", false},
+        LoadRow{"UnknownHandle", 1, "pem", 999, false, -2, "SSL object context is NULL\n", E, "", false},
         LoadRow{"PskLoaded", 1, "pem", 1, true, -8,
                 "PSK key is set. Setting both certificate and PSK is not supported\n", H, "p", false},
         LoadRow{"MissingKeyKeepsCert", 1, "nokey", 1, false, -1,

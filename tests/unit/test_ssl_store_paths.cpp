@@ -66,6 +66,10 @@ TEST(Paths, SessionPathAndExistenceChecks) {
   EXPECT_TRUE(log.has("Invalid file path length", kError));
   EXPECT_EQ(0, SSL_session_get_abs_path(k63.c_str(), buffer, 95));
   EXPECT_EQ("/data/data_velto/.ssl/sessions/" + k63, buffer);
+  for (const auto& [name, out] : {std::pair{static_cast<const char*>(nullptr), buffer}, {"dev", nullptr}}) {
+    EXPECT_EQ(-2, SSL_cert_get_abs_path(name, KORA_NET_SSL_CERTIFICATE_E, out, 128, false));
+  }
+  EXPECT_TRUE(log.has("SSL_cert_get_abs_path: Invalid EFS file name or path \n", kError));
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/private_keys"));
   std::fclose(std::fopen((kCerts + "dev").c_str(), "w"));
   std::fclose(std::fopen("/data/data_velto/.ssl/private_keys/keyonly", "w"));

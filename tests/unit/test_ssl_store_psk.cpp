@@ -51,7 +51,9 @@ INSTANTIATE_TEST_SUITE_P(Texts, PskTextTest, ::testing::Values(
     TextCase{"key_of_257_at_end", "i:" + kKey257, -1, psk_table({}) + be16(1) + "i" + be16(0) + kAs257},
     TextCase{"identity_of_65536", kId + "i:01", -1, kNone},
     TextCase{"odd_key_then_line_break", "id:012\n", -1, kNone},
-    TextCase{"empty_identity", ":01", -1, kNone}),
+    TextCase{"empty_identity", ":01", -1, kNone},
+    TextCase{"second_bar_not_before_colon", "|a|b:00", -1, kNone},
+    TextCase{"nul_byte_is_no_hex_digit", std::string("id:0\0", 5), -1, kNone}),
     [](const auto& p) { return std::string(p.param.label); });
 // clang-format on
 

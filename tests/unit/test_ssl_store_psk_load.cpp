@@ -50,6 +50,9 @@ TEST_P(Walk, ChoosesEntryAndLogs) {
   EXPECT_EQ(std::string(identity_.c_str()), row.identity);
   EXPECT_EQ(psk_.substr(0, row.result), row.key);
   EXPECT_EQ(psk_[row.max_psk], '\xAA') << "byte past the declared key room written";
+  if (row.result < row.max_psk) {
+    EXPECT_EQ(psk_[row.result], '\0') << "a key shorter than its room is not terminated";
+  }
   EXPECT_EQ(log.texts(), row.logs);
 }
 
@@ -89,6 +92,8 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   EXPECT_EQ(SSL_psk_table_load(hdl_, "/data/data_velto/.ssl/psk_table/absent", 256), -1);
   EXPECT_TRUE(log.has("ERROR: Reading psk info from cert loc failed!! \r\n", kError));
   EXPECT_EQ(record().psk_identify_key, before);
+  EXPECT_EQ(SSL_psk_table_load(hdl_, nullptr, 256), -2);
+  EXPECT_TRUE(log.has("Filepath for PSK is set NULL\n", kError));
 }
 
 // The table holds keys: freeing the object hands it back wiped.
