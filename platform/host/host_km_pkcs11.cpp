@@ -21,6 +21,7 @@
 
 #include "host_km.h"
 #include "ossl_ptr.h"
+#include "secure_bytes.h"
 
 namespace kora::km::token {
 namespace {
@@ -91,9 +92,8 @@ Result log_in(Token& t, P11KitUri* uri, const char* token_label) {
   while (len > 0 && (value[len - 1] == '\n' || value[len - 1] == '\r')) {
     --len;  // a PIN file written by echo
   }
-  std::vector<CK_UTF8CHAR> copy(value, value + len);
+  SecureVector copy(value, value + len);  // C_Login takes a writable PIN
   const CK_RV rv = t.module->C_Login(t.session, CKU_USER, copy.data(), copy.size());
-  OPENSSL_cleanse(copy.data(), copy.size());
   if (rv == CKR_PIN_INCORRECT || rv == CKR_PIN_LEN_RANGE) {
     g_refused_pin_uri = t.uri_text;
     return fail(kErrToken, "wrong PIN for token %s", token_label);

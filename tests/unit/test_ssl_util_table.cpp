@@ -85,11 +85,17 @@ TEST(SslUtilTable, FullTableRefusesWithItsMessage) {
 TEST(SslUtilSmallCalls, LengthEdges) {
   const std::string pad(0x80, '\0');
   // DER only for a SEQUENCE with a definite, minimal length that fits what was handed in.
-  for (const auto& [bytes, der] : std::initializer_list<std::pair<std::string, int>>{
-           {"\x30\x81\x80" + pad, 1}, {std::string("\x30\x02\x05\x00", 4), 1},
-           {std::string("\x31\x00", 2), 0}, {"\x30", 0}, {"\x30\x80" + pad, 0},
-           {"\x30\x85\x01\x01\x01\x01\x01" + pad, 0}, {std::string("\x30\x82\x00\x80", 4) + pad, 0},
-           {"\x30\x82\x01", 0}, {"\x30\x81\x7f" + pad, 0}, {"\x30\x03\x05", 0}}) {
+  for (const auto& [bytes, der] :
+       std::initializer_list<std::pair<std::string, int>>{{"\x30\x81\x80" + pad, 1},
+                                                          {std::string("\x30\x02\x05\x00", 4), 1},
+                                                          {std::string("\x31\x00", 2), 0},
+                                                          {"\x30", 0},
+                                                          {"\x30\x80" + pad, 0},
+                                                          {"\x30\x85\x01\x01\x01\x01\x01" + pad, 0},
+                                                          {std::string("\x30\x82\x00\x80", 4) + pad, 0},
+                                                          {"\x30\x82\x01", 0},
+                                                          {"\x30\x81\x7f" + pad, 0},
+                                                          {"\x30\x03\x05", 0}}) {
     EXPECT_EQ(openssl_IsDerFormat(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), der)
         << testing::PrintToString(bytes.substr(0, 4));
   }

@@ -11,7 +11,7 @@
 
 namespace kora::cli {
 
-bool parse_chain(const std::vector<uint8_t>& bytes, CertChain* out, std::string* why) {
+bool parse_chain(const SecureVector& bytes, CertChain* out, std::string* why) {
   BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
   if (!bio) {
     *why = "out of memory";
@@ -67,15 +67,15 @@ void order_chain(CertChain* chain) {
   }
 }
 
-bool encode_chain(const CertChain& chain, FileBytes* out) {
-  out->bytes().clear();
+bool encode_chain(const CertChain& chain, SecureVector* out) {
+  out->clear();
   if (chain.der) {
     unsigned char* der = nullptr;
     const int len = i2d_X509(chain.leaf(), &der);
     if (len <= 0) {
       return false;
     }
-    out->bytes().assign(der, der + len);
+    out->assign(der, der + len);
     OPENSSL_free(der);
     return true;
   }
@@ -90,11 +90,11 @@ bool encode_chain(const CertChain& chain, FileBytes* out) {
   }
   char* data = nullptr;
   const long len = BIO_get_mem_data(bio.get(), &data);
-  out->bytes().assign(reinterpret_cast<uint8_t*>(data), reinterpret_cast<uint8_t*>(data) + len);
+  out->assign(reinterpret_cast<uint8_t*>(data), reinterpret_cast<uint8_t*>(data) + len);
   return true;
 }
 
-bool loader_reads_as_der(const FileBytes& stored) {
+bool loader_reads_as_der(const SecureVector& stored) {
   // The loader passes the file's size cut to 16 bits; so does this.
   const auto len = static_cast<uint16_t>(stored.size() & std::numeric_limits<uint16_t>::max());
   return openssl_IsDerFormat(stored.data(), len) != 0;

@@ -21,7 +21,7 @@ struct CertChain {
 
 // Every PEM certificate in `bytes`, leaf first, or the one DER certificate. False with the
 // reason in *why (no certificate, a broken PEM entry, trailing bytes after DER).
-bool parse_chain(const std::vector<uint8_t>& bytes, CertChain* out, std::string* why);
+bool parse_chain(const SecureVector& bytes, CertChain* out, std::string* why);
 
 // Drops repeated certificates and puts the issuer of each certificate right after it,
 // starting at the leaf; certificates that issue none of the others keep their order at the
@@ -30,11 +30,11 @@ void order_chain(CertChain* chain);
 
 // The bytes the store keeps for `chain`: the DER of a DER certificate, else the PEM text of
 // every certificate, leaf first.
-bool encode_chain(const CertChain& chain, FileBytes* out);
+bool encode_chain(const CertChain& chain, SecureVector* out);
 
 // Whether the store's loader will take `stored` (as encode_chain made it) for DER, and so
 // decode the private key beside it as DER too. The loader's own classifier decides.
-bool loader_reads_as_der(const FileBytes& stored);
+bool loader_reads_as_der(const SecureVector& stored);
 
 // "CN=dev, O=Kora" style one-line subject or issuer.
 std::string name_line(const X509_NAME* name);

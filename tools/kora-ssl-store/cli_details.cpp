@@ -70,12 +70,12 @@ void add_certificate(const X509* cert, std::vector<Field>* fields) {
   fields->push_back({"sha256", "sha256", fingerprint(cert)});
 }
 
-bool read_chain(const Kind& kind, const std::string& name, CertChain* chain, FileBytes* bytes,
+bool read_chain(const Kind& kind, const std::string& name, CertChain* chain, SecureVector* bytes,
                 std::string* why) {
   if (!read_stored(name, kind.type, false, bytes, why)) {
     return false;
   }
-  if (!parse_chain(bytes->bytes(), chain, why)) {
+  if (!parse_chain(*bytes, chain, why)) {
     *why = "the stored " + std::string(kind.title) + " '" + name + "' " + *why;
     return false;
   }
@@ -84,13 +84,13 @@ bool read_chain(const Kind& kind, const std::string& name, CertChain* chain, Fil
 
 // The stored key, decoded the way the loader decodes it (with the certificate's encoding).
 void add_key(const std::string& name, bool der, std::vector<Field>* fields) {
-  FileBytes bytes;
+  SecureVector bytes;
   std::string why;
   if (!read_stored(name, KORA_NET_SSL_CERTIFICATE_E, true, &bytes, &why)) {
     fields->push_back({"key", "key", std::string("(missing)")});
     return;
   }
-  const EvpPkeyPtr key(utility_get_EVP_KEY_from_buffer(bytes.bytes().data(), bytes.size(), der));
+  const EvpPkeyPtr key(utility_get_EVP_KEY_from_buffer(bytes.data(), bytes.size(), der));
   ERR_clear_error();
   fields->push_back({"key", "key", key ? key_description(key.get()) : std::string("(does not load)")});
   if (key) {
@@ -109,7 +109,7 @@ bool describe_certificate(const Kind& kind, const std::string& name, Record* out
     return false;
   }
   CertChain chain;
-  FileBytes bytes;
+  SecureVector bytes;
   if (!read_chain(kind, name, &chain, &bytes, why)) {
     return false;
   }
@@ -121,7 +121,7 @@ bool describe_certificate(const Kind& kind, const std::string& name, Record* out
 
 bool describe_ca_list(const Kind& kind, const std::string& name, Record* out, std::string* why) {
   CertChain list;
-  FileBytes bytes;
+  SecureVector bytes;
   if (!read_chain(kind, name, &list, &bytes, why)) {
     return false;
   }
@@ -169,7 +169,7 @@ bool describe(const Kind& kind, const std::string& name, Record* out, std::strin
       return describe_psk_table(name, out, why);
     case KORA_NET_SSL_DI_CERT_E: {
       CertChain cert;
-      FileBytes bytes;
+      SecureVector bytes;
       if (!read_chain(kind, name, &cert, &bytes, why)) {
         return false;
       }

@@ -13,24 +13,16 @@
 
 namespace kora::cli {
 
-FileBytes::~FileBytes() {
-  if (!bytes_.empty()) {
-    OPENSSL_cleanse(bytes_.data(), bytes_.size());
-  }
-}
-
 namespace {
 
 // Standard input can be read once per run: a second "-" (or --pass stdin) would find it used up.
 bool g_stdin_taken = false;
 
-bool read_stdin(FileBytes* out, std::string* why) {
+bool read_stdin(SecureVector* out, std::string* why) {
   if (!claim_stdin(why)) {
     return false;
   }
-  std::vector<uint8_t>& bytes = out->bytes();
-  // Reserved up front so that growing never leaves an unwiped copy behind.
-  bytes.reserve(kMaxInputSize + 1);
+  SecureVector& bytes = *out;
   uint8_t chunk[BUFSIZ];
   size_t got = 0;
   while ((got = std::fread(chunk, 1, sizeof chunk, stdin)) > 0 && bytes.size() <= kMaxInputSize) {
@@ -63,7 +55,7 @@ bool claim_stdin(std::string* why) {
   return true;
 }
 
-bool read_input(const std::string& path, FileBytes* out, std::string* why) {
+bool read_input(const std::string& path, SecureVector* out, std::string* why) {
   if (path == kStdioPath) {
     return read_stdin(out, why);
   }
@@ -89,7 +81,7 @@ bool read_input(const std::string& path, FileBytes* out, std::string* why) {
     *why = "cannot open " + path + ": " + std::strerror(errno);
     return false;
   }
-  std::vector<uint8_t>& bytes = out->bytes();
+  SecureVector& bytes = *out;
   bytes.resize(static_cast<size_t>(st.st_size));
   const size_t got = std::fread(bytes.data(), 1, bytes.size(), f);
   const bool read_error = std::ferror(f) != 0;

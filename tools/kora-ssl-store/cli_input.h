@@ -3,29 +3,11 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "ossl_ptr.h"
+#include "secure_bytes.h"
 
 namespace kora::cli {
-
-// A file's bytes; wiped when released, since a private key or PSK table passes through.
-class FileBytes {
- public:
-  FileBytes() = default;
-  ~FileBytes();
-  FileBytes(const FileBytes&) = delete;
-  FileBytes& operator=(const FileBytes&) = delete;
-  FileBytes(FileBytes&& other) noexcept : bytes_(std::move(other.bytes_)) {}
-
-  std::vector<uint8_t>& bytes() { return bytes_; }
-  const std::vector<uint8_t>& bytes() const { return bytes_; }
-  const uint8_t* data() const { return bytes_.data(); }
-  size_t size() const { return bytes_.size(); }
-
- private:
-  std::vector<uint8_t> bytes_;
-};
 
 // Credential files larger than this are refused: the store keeps each one whole in memory.
 inline constexpr size_t kMaxInputSize = 1u << 20;
@@ -36,7 +18,7 @@ inline constexpr const char* kStdioPath = "-";
 
 // Reads the whole file at `path`, or standard input when `path` is "-". False with the reason
 // in *why (missing, a directory, empty, too large, standard input already used).
-bool read_input(const std::string& path, FileBytes* out, std::string* why);
+bool read_input(const std::string& path, SecureVector* out, std::string* why);
 // Marks standard input as used by something other than read_input (a pass phrase). False
 // when it already is.
 bool claim_stdin(std::string* why);

@@ -1,7 +1,6 @@
 // Pass phrases: from the command line, the environment, a file, standard input or a prompt.
 #include "cli_pass.h"
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <unistd.h>
@@ -10,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace kora::cli {
 namespace {
@@ -22,13 +20,13 @@ constexpr std::string_view kStdinWord = "stdin";
 
 bool starts_with(const std::string& s, std::string_view prefix) { return s.rfind(prefix, 0) == 0; }
 
-void assign(FileBytes* out, const char* text, size_t size) {
-  out->bytes().assign(reinterpret_cast<const uint8_t*>(text), reinterpret_cast<const uint8_t*>(text) + size);
+void assign(SecureVector* out, const char* text, size_t size) {
+  out->assign(reinterpret_cast<const uint8_t*>(text), reinterpret_cast<const uint8_t*>(text) + size);
 }
 
 // Keeps the first line of `text` (without its line break) as the phrase.
-void keep_first_line(FileBytes* text) {
-  std::vector<uint8_t>& b = text->bytes();
+void keep_first_line(SecureVector* text) {
+  SecureVector& b = *text;
   const auto end = std::find_if(b.begin(), b.end(), [](uint8_t c) { return c == '\n' || c == '\r'; });
   std::fill(end, b.end(), 0);
   b.resize(static_cast<size_t>(end - b.begin()));
@@ -46,7 +44,7 @@ std::string pass_spec_problem(const std::string& spec) {
   return "--pass takes " + std::string(kPassSources);
 }
 
-bool PassPhrase::fetch_from_source(FileBytes* text, std::string* why) {
+bool PassPhrase::fetch_from_source(SecureVector* text, std::string* why) {
   if (starts_with(spec_, kPassPrefix)) {
     assign(text, spec_.c_str() + kPassPrefix.size(), spec_.size() - kPassPrefix.size());
     return true;
@@ -80,15 +78,15 @@ bool PassPhrase::fetch_from_source(FileBytes* text, std::string* why) {
     *why = "encrypted; give its pass phrase with --pass " + std::string(kPassSources);
     return false;
   }
-  std::vector<char> buf(PEM_BUFSIZE);
+  SecureVector buf(PEM_BUFSIZE);
+  char* line = reinterpret_cast<char*>(buf.data());
   const std::string prompt = "pass phrase for " + what_ + ":";
-  const bool ok = EVP_read_pw_string(buf.data(), static_cast<int>(buf.size()), prompt.c_str(), 0) == 0;
+  const bool ok = EVP_read_pw_string(line, static_cast<int>(buf.size()), prompt.c_str(), 0) == 0;
   if (ok) {
-    assign(text, buf.data(), std::strlen(buf.data()));
+    assign(text, line, std::strlen(line));
   } else {
     *why = "no pass phrase read for " + what_;
   }
-  OPENSSL_cleanse(buf.data(), buf.size());
   return ok;
 }
 

@@ -34,11 +34,11 @@ class PassPhrase {
   static int pem_callback(char* buf, int size, int rwflag, void* user);
 
  private:
-  bool fetch_from_source(FileBytes* text, std::string* why);
+  bool fetch_from_source(SecureVector* text, std::string* why);
 
   std::string spec_;
   std::string what_;
-  FileBytes phrase_;
+  SecureVector phrase_;
   bool fetched_ = false;
   bool asked_ = false;
   std::string problem_;

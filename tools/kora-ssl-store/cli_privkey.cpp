@@ -39,7 +39,7 @@ constexpr KeySpec kKeySpecs[] = {
 
 }  // namespace
 
-EvpPkeyPtr decode_private_key(const std::vector<uint8_t>& bytes, PassPhrase* pass, std::string* why) {
+EvpPkeyPtr decode_private_key(const SecureVector& bytes, PassPhrase* pass, std::string* why) {
   EVP_PKEY* key = nullptr;
   // No input type and no structure: every encoding and structure OpenSSL knows is tried.
   DecoderCtxPtr ctx(
@@ -76,7 +76,7 @@ EvpPkeyPtr decode_private_key(const std::vector<uint8_t>& bytes, PassPhrase* pas
   return nullptr;
 }
 
-bool encode_key_for_store(const EVP_PKEY* key, bool der, FileBytes* out, std::string* why) {
+bool encode_key_for_store(const EVP_PKEY* key, bool der, SecureVector* out, std::string* why) {
   EncoderCtxPtr ctx(
       OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_KEYPAIR, der ? "DER" : "PEM", kPkcs8Structure, nullptr));
   BioPtr bio(BIO_new(BIO_s_mem()));
@@ -88,9 +88,9 @@ bool encode_key_for_store(const EVP_PKEY* key, bool der, FileBytes* out, std::st
   }
   char* data = nullptr;
   const long len = BIO_get_mem_data(bio.get(), &data);
-  out->bytes().assign(reinterpret_cast<uint8_t*>(data), reinterpret_cast<uint8_t*>(data) + len);
+  out->assign(reinterpret_cast<uint8_t*>(data), reinterpret_cast<uint8_t*>(data) + len);
   // What the loader will do with it: the store's own decoder, with the certificate's encoding.
-  const EvpPkeyPtr back(utility_get_EVP_KEY_from_buffer(out->bytes().data(), out->size(), der));
+  const EvpPkeyPtr back(utility_get_EVP_KEY_from_buffer(out->data(), out->size(), der));
   ERR_clear_error();
   if (!back || EVP_PKEY_eq(back.get(), key) != 1) {
     *why = "the store's key decoder cannot read this key type back";

@@ -18,11 +18,11 @@ namespace kora::cli {
 // Any private key OpenSSL reads: PKCS#8 (plain or encrypted) or traditional, PEM or DER,
 // RSA, EC, Ed25519, Ed448. An encrypted key takes its pass phrase from *pass. Null with
 // the reason in *why.
-EvpPkeyPtr decode_private_key(const std::vector<uint8_t>& bytes, PassPhrase* pass, std::string* why);
+EvpPkeyPtr decode_private_key(const SecureVector& bytes, PassPhrase* pass, std::string* why);
 
 // The bytes to store for `key` next to a certificate stored in DER (der) or PEM: unencrypted
 // PKCS#8 that the store's key decoder has been seen to read back as the same key.
-bool encode_key_for_store(const EVP_PKEY* key, bool der, FileBytes* out, std::string* why);
+bool encode_key_for_store(const EVP_PKEY* key, bool der, SecureVector* out, std::string* why);
 
 // The key types `csr --key` makes, e.g. "ec:P-256", for help texts and refusals.
 std::string key_spec_words();

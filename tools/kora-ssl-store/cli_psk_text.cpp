@@ -93,12 +93,12 @@ std::string key_problem(std::string_view key) {
 
 }  // namespace
 
-bool check_psk_text(const std::vector<uint8_t>& text, FileBytes* clean, size_t* entries, std::string* why) {
+bool check_psk_text(const SecureVector& text, SecureVector* clean, size_t* entries, std::string* why) {
   const std::string_view all(reinterpret_cast<const char*>(text.data()), text.size());
   std::map<std::string_view, size_t> seen;  // identity -> line number
-  std::vector<uint8_t>& out = clean->bytes();
+  SecureVector& out = *clean;
   out.clear();
-  out.reserve(text.size());  // no regrowth: every copy of a key stays in this one buffer
+  out.reserve(text.size());
   *entries = 0;
   size_t number = 0;
   for (size_t start = 0; start < all.size();) {

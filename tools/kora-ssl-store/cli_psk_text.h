@@ -18,6 +18,6 @@ inline constexpr size_t kMaxPskKeyBytes = 256;
 // sendable by OpenSSL and unique, keys whole bytes of hexadecimal within the store's limit.
 // On success *clean holds the entry lines alone, one per line, and *entries their count.
 // Else false, with "line N: <rule broken>" in *why.
-bool check_psk_text(const std::vector<uint8_t>& text, FileBytes* clean, size_t* entries, std::string* why);
+bool check_psk_text(const SecureVector& text, SecureVector* clean, size_t* entries, std::string* why);
 
 }  // namespace kora::cli

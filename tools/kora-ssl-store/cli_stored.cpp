@@ -99,7 +99,7 @@ int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std:
   return fail_store(std::string("loading ") + title + " '" + name + "' failed", status);
 }
 
-bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,
+bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, SecureVector* out,
                  std::string* why) {
   const std::string path = stored_path(name, type, key);
   void* data = nullptr;
@@ -110,7 +110,7 @@ bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool ke
     *why = "cannot unseal " + path + " (damaged, or sealed under other key material): store it again";
     return false;
   }
-  out->bytes().assign(plain.data(), plain.data() + plain.size());
+  out->assign(plain.data(), plain.data() + plain.size());
   return true;
 }
 

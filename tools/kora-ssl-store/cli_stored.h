@@ -44,7 +44,7 @@ int fail_not_stored(const char* title, const std::string& name);
 int load_credential(ssl_obj_hdl_t hdl, kora_Net_SSL_Cert_Type_t type, const std::string& name);
 
 // Unseals one stored file into *out. False with the reason in *why.
-bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, FileBytes* out,
+bool read_stored(const std::string& name, kora_Net_SSL_Cert_Type_t type, bool key, SecureVector* out,
                  std::string* why);
 
 }  // namespace kora::cli

@@ -158,7 +158,7 @@ int run_csr(const Args& args) {
   if (!req || !request_pem(req.get(), &pem)) {
     return fail(why.empty() ? "cannot encode the certificate request" : why);
   }
-  FileBytes key_bytes;
+  SecureVector key_bytes;
   // PEM until a certificate arrives: put cert re-encodes it for a DER certificate.
   if (!encode_key_for_store(key.get(), false, &key_bytes, &why)) {
     return fail(why);

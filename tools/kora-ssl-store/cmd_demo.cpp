@@ -224,11 +224,10 @@ void Demo::store_all(const Material& m) {
   const std::vector<uint8_t> di = m.device.cert_der();
   ok = ok && store(kDeviceName, KORA_NET_SSL_DI_CERT_E, std::string(di.begin(), di.end()), false);
   if (ok) {
-    std::vector<uint8_t> text(m.psk_text.begin(), m.psk_text.end());
+    SecureVector text(m.psk_text.begin(), m.psk_text.end());
     kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()), text.data()};
     diag_clear();
     const int status = ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>(kPskName));
-    OPENSSL_cleanse(text.data(), text.size());
     if (status != KORA_OK) {
       (void)fail_store("storing the PSK table failed", status);
       ok = false;

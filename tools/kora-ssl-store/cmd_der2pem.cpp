@@ -15,7 +15,7 @@ int run_der2pem(const Args& args) {
   if (args.positional.empty() || args.positional.size() > 2) {
     return usage_error("der2pem needs IN and optionally OUT");
   }
-  FileBytes der;
+  SecureVector der;
   std::string why;
   if (!read_input(args.positional[0], &der, &why)) {
     return fail(why);

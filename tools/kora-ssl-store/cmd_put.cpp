@@ -38,21 +38,21 @@ std::string sealed_bytes(const std::string& name, kora_Net_SSL_Cert_Type_t type)
 }
 
 int put_psk(const std::string& path, const std::string& name) {
-  FileBytes file;
-  FileBytes clean;
+  SecureVector file;
+  SecureVector clean;
   size_t entries = 0;
   std::string why;
   if (!read_input(path, &file, &why)) {
     return fail(why);
   }
-  if (!check_psk_text(file.bytes(), &clean, &entries, &why)) {
+  if (!check_psk_text(file, &clean, &entries, &why)) {
     return fail(path + " " + why);
   }
   if (const int rc = load_key_material(); rc != kExitOk) {
     return rc;
   }
   const std::string before = sealed_bytes(name, KORA_NET_SSL_PSK_TABLE_E);
-  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(clean.size()), clean.bytes().data()};
+  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(clean.size()), clean.data()};
   diag_clear();
   const int status = ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>(name.c_str()));
   if (status != KORA_OK) {
@@ -83,13 +83,13 @@ int put_file(const Args& args, const Kind& kind, const std::string& name) {
   if (kind.type == KORA_NET_SSL_PSK_TABLE_E) {
     return put_psk(path, name);
   }
-  FileBytes file;
+  SecureVector file;
   std::string why;
   if (!read_input(path, &file, &why)) {
     return fail(why);
   }
   CertChain certs;
-  const bool parsed = parse_chain(file.bytes(), &certs, &why);
+  const bool parsed = parse_chain(file, &certs, &why);
   std::string detail;
   if (kind.type == KORA_NET_SSL_CA_LIST_E) {
     if (!parsed || certs.der) {

@@ -30,7 +30,7 @@ struct Credential {
 };
 
 bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std::string* why) {
-  FileBytes file;
+  SecureVector file;
   if (!read_input(path, &file, why)) {
     return false;
   }
@@ -43,15 +43,15 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
   }
   // A file without a pass phrase opens with the empty one; ask only when it does not.
   const char* phrase = "";
-  FileBytes terminated;
+  SecureVector terminated;
   if (PKCS12_mac_present(p12.get()) == 1 && PKCS12_verify_mac(p12.get(), "", 0) != 1 &&
       PKCS12_verify_mac(p12.get(), nullptr, 0) != 1) {
     if (!pass->fetch(why)) {
       *why = path + ": " + *why;
       return false;
     }
-    terminated.bytes().assign(pass->data(), pass->data() + pass->size());
-    terminated.bytes().push_back(0);
+    terminated.assign(pass->data(), pass->data() + pass->size());
+    terminated.push_back(0);
     phrase = reinterpret_cast<const char*>(terminated.data());
     if (PKCS12_verify_mac(p12.get(), phrase, -1) != 1) {
       ERR_clear_error();
@@ -96,11 +96,11 @@ bool read_pkcs12(const std::string& path, PassPhrase* pass, Credential* out, std
 }
 
 bool read_key_file(const std::string& path, PassPhrase* pass, Credential* out, std::string* why) {
-  FileBytes file;
+  SecureVector file;
   if (!read_input(path, &file, why)) {
     return false;
   }
-  out->key = decode_private_key(file.bytes(), pass, why);
+  out->key = decode_private_key(file, pass, why);
   if (!out->key) {
     *why = path + ": " + *why;
     return false;
@@ -115,12 +115,12 @@ bool read_stored_key(const std::string& name, Credential* out, std::string* why)
            "': give --key FILE, or make one with 'kora-ssl-store csr " + name + "'";
     return false;
   }
-  FileBytes stored;
+  SecureVector stored;
   if (!read_stored(name, KORA_NET_SSL_CERTIFICATE_E, true, &stored, why)) {
     return false;
   }
   PassPhrase none("", "the stored key");
-  out->key = decode_private_key(stored.bytes(), &none, why);
+  out->key = decode_private_key(stored, &none, why);
   if (!out->key) {
     *why = "the private key stored under '" + name + "' cannot be read";
     return false;
@@ -170,11 +170,11 @@ int put_cert(const Args& args, const std::string& name) {
       return fail(why);
     }
   } else {
-    FileBytes cert_file;
+    SecureVector cert_file;
     if (!read_input(args.value("--cert"), &cert_file, &why)) {
       return fail(why);
     }
-    if (!parse_chain(cert_file.bytes(), &cred.chain, &why)) {
+    if (!parse_chain(cert_file, &cred.chain, &why)) {
       return fail(args.value("--cert") + " " + why);
     }
     if (args.has("--key") && !read_key_file(source, &pass, &cred, &why)) {
@@ -195,8 +195,8 @@ int put_cert(const Args& args, const std::string& name) {
                 " is not the private key of the first certificate: put the leaf first, then its "
                 "intermediates");
   }
-  FileBytes cert_bytes;
-  FileBytes key_bytes;
+  SecureVector cert_bytes;
+  SecureVector key_bytes;
   if (!encode_chain(cred.chain, &cert_bytes)) {
     return fail("cannot encode the certificate chain");
   }

@@ -10,7 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 #include <utility>
+#include <vector>
 
 namespace kora {
 
@@ -63,5 +65,41 @@ class SecureBytes {
   uint8_t* data_ = nullptr;
   size_t size_ = 0;
 };
+
+// Allocator for growable buffers of key material: every block it gives back (on growth,
+// shrinking or destruction) is wiped with OPENSSL_clear_free, so no copy is left behind.
+template <typename T>
+struct ClearingAllocator {
+  using value_type = T;
+
+  ClearingAllocator() = default;
+  template <typename U>
+  constexpr ClearingAllocator(const ClearingAllocator<U>& /*other*/) noexcept {}
+
+  T* allocate(size_t n) {
+    if (n > SIZE_MAX / sizeof(T)) {
+      throw std::bad_alloc();
+    }
+    // OPENSSL_malloc(0) gives null, which would read as running out of memory.
+    void* block = OPENSSL_malloc(n > 0 ? n * sizeof(T) : 1);
+    if (block == nullptr) {
+      throw std::bad_alloc();
+    }
+    return static_cast<T*>(block);
+  }
+  void deallocate(T* block, size_t n) noexcept { OPENSSL_clear_free(block, n * sizeof(T)); }
+
+  template <typename U>
+  bool operator==(const ClearingAllocator<U>& /*other*/) const noexcept {
+    return true;
+  }
+  template <typename U>
+  bool operator!=(const ClearingAllocator<U>& /*other*/) const noexcept {
+    return false;
+  }
+};
+
+// Growable key material or plain credentials (files read by the tool, encoded keys, PINs).
+using SecureVector = std::vector<uint8_t, ClearingAllocator<uint8_t>>;
 
 }  // namespace kora

@@ -98,7 +98,7 @@ int store_files(const char* name, const SSL_SESSION* session, const session_stor
     log_ssl_internal_error_impl(__func__, __LINE__);
     return SSL_UTIL_ERR_FAILED;
   }
-  std::vector<uint8_t> der(static_cast<size_t>(der_len));
+  SecureVector der(static_cast<size_t>(der_len));  // carries the master secret
   uint8_t* cursor = der.data();
   (void)i2d_SSL_SESSION(session, &cursor);
 
@@ -123,8 +123,6 @@ int store_files(const char* name, const SSL_SESSION* session, const session_stor
     }
     break;
   }
-  // The DER session carries the master secret.
-  OPENSSL_cleanse(der.data(), der.size());
   return status;
 }
 
