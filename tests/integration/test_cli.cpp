@@ -7,7 +7,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <thread>
 
@@ -43,11 +42,8 @@ Result shell(const std::string& script) {
 
 // `serve PORT OPTIONS` on a free port, once it listens there.
 std::unique_ptr<Subprocess> serve(const std::string& options, int* port) {
-  ::close(listen_loopback(port));  // a free port, for the server to take
-  auto server = start("serve " + std::to_string(*port) + " " + options, "/data/serve.err");
-  EXPECT_NE(server->wait_for_line("listening on port " + std::to_string(*port) + " at 127.0.0.1", 10s), "")
-      << slurp("/data/serve.err");
-  return server;
+  return start_listening([&](int p) { return cli_argv("serve " + std::to_string(p) + " " + options); },
+                         " at 127.0.0.1", port);
 }
 
 // Serves once with `serve_options` and connects with `connect_options`: the credentials load and
@@ -59,7 +55,7 @@ std::pair<std::string, std::string> expect_handshake(const std::string& serve_op
   const Result r = cli("connect 127.0.0.1:" + std::to_string(port) + " " + connect_options);
   EXPECT_EQ(r.code, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("verification:  ok"), std::string::npos) << r.out;
-  EXPECT_EQ(server->wait_exit(10s), 0) << slurp("/data/serve.err");
+  EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
   return {r.out, server->output()};
 }
 
@@ -88,23 +84,22 @@ class Cli : public ::testing::Test {
         certgen::make_signed({{{"CN", "test-server"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, ca);
     const auto client = certgen::make_signed({{{"CN", "test-client"}}, {}, false, false}, ca);
     const std::vector<uint8_t> der = server.cert_der();
-    const auto write = [](const char* name, const std::string& bytes) { std::ofstream(name) << bytes; };
-    write("ca.pem", ca.cert_pem());
-    write("server.pem", server.cert_pem());
-    write("server.key", server.key_pem());
-    write("client.pem", client.cert_pem());
-    write("client.key", client.key_pem());
-    write("server.der", std::string(der.begin(), der.end()));
-    write("ca.key", ca.key_pem());
-    write("psk.txt", "dev1:00112233445566778899aabbccddeeff\n|a:b|:0102\n");
-    write("psk_comments.txt", "# lab table\r\n\r\n  # indented\ndev1:00\n\n");
-    write("psk_no_colon.txt", "dev1:00\ndev2 0011\n");
-    write("psk_duplicate.txt", "dev1:00\n# x\ndev1:01\n");
-    write("psk_long_identity.txt", std::string(257, 'i') + ":00\n");
-    write("psk_long_key.txt", "dev1:" + std::string(514, 'a') + "\n");
-    write("psk_odd_key.txt", "dev1:001\n");
-    write("psk_bar.txt", "ab|c:00\n");
-    write("chain_reversed.pem", ca.cert_pem() + server.cert_pem());
+    spill("ca.pem", ca.cert_pem());
+    spill("server.pem", server.cert_pem());
+    spill("server.key", server.key_pem());
+    spill("client.pem", client.cert_pem());
+    spill("client.key", client.key_pem());
+    spill("server.der", std::string(der.begin(), der.end()));
+    spill("ca.key", ca.key_pem());
+    spill("psk.txt", "dev1:00112233445566778899aabbccddeeff\n|a:b|:0102\n");
+    spill("psk_comments.txt", "# lab table\r\n\r\n  # indented\ndev1:00\n\n");
+    spill("psk_no_colon.txt", "dev1:00\ndev2 0011\n");
+    spill("psk_duplicate.txt", "dev1:00\n# x\ndev1:01\n");
+    spill("psk_long_identity.txt", std::string(257, 'i') + ":00\n");
+    spill("psk_long_key.txt", "dev1:" + std::string(514, 'a') + "\n");
+    spill("psk_odd_key.txt", "dev1:001\n");
+    spill("psk_bar.txt", "ab|c:00\n");
+    spill("chain_reversed.pem", ca.cert_pem() + server.cert_pem());
   }
   static void provision() {
     cli_all({"init", "put cert srv --cert server.pem --key server.key",
@@ -234,10 +229,10 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, ca);
   const auto leaf =
       certgen::make_signed({{{"CN", "leaf"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, mid);
-  std::ofstream("full.pem") << leaf.cert_pem() << mid.cert_pem() << ca.cert_pem();
-  std::ofstream("root.pem") << ca.cert_pem();
-  std::ofstream("leaf.key") << leaf.key_pem();
-  std::ofstream("bag.pem") << ca.cert_pem() << mid.cert_pem();
+  spill("full.pem", leaf.cert_pem() + mid.cert_pem() + ca.cert_pem());
+  spill("root.pem", ca.cert_pem());
+  spill("leaf.key", leaf.key_pem());
+  spill("bag.pem", ca.cert_pem() + mid.cert_pem());
   Result r = cli("put cert full --cert full.pem --key leaf.key");
   EXPECT_NE(r.out.find("chain of 3 certificates"), std::string::npos) << r.out << r.err;
   // A bag lists its certificates in any order, some twice; the stored chain runs leaf, issuer, root.
@@ -437,7 +432,7 @@ int flip_bit(const std::string& path) {
     return -1;
   }
   bytes[bytes.size() / 2] ^= 0x01;
-  return (std::ofstream(path, std::ios::binary) << bytes) ? 0 : -1;
+  return spill(path, bytes) ? 0 : -1;
 }
 
 // Something planted where the store expects its own regular file or private directory is
@@ -489,7 +484,7 @@ INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel
 // A name planted in the store by hand reaches the terminal escaped.
 TEST_F(Cli, LsEscapesANamePlantedInTheStore) {
   provision();
-  std::ofstream(kStore + "ca_lists/evil\x1b[2J\n") << "x";
+  spill(kStore + "ca_lists/evil\x1b[2J\n", "x");
   const std::string out = cli("ls ca").out;
   EXPECT_NE(out.find("ca   evil\\x1b[2J\\x0a\n"), std::string::npos) << out;
 }
@@ -514,7 +509,7 @@ TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
 // Another user plants a link where der2pem writes: the link's target is never written.
 TEST_F(Cli, Der2pemNeverWritesThroughALinkAnotherUserPlanted) {
   ASSERT_EQ(::mkdir("/data/shared", 0755) | ::chown("/data/shared", 65534, 65534), 0);
-  std::ofstream("/data/victim") << "precious";
+  spill("/data/victim", "precious");
   ASSERT_EQ(::seteuid(65534), 0);
   const int planted = ::symlink("/data/victim", "/data/shared/out.pem");
   ASSERT_EQ(::seteuid(0), 0);

@@ -1,7 +1,7 @@
-// Real faults under the store: a full file system, a read-only one, a directory replaced by
-// a file, sealed files altered or cut short, key material missing or damaged at start-up, and
-// garbage where certificates, keys, CA lists and PSK text belong. Each must end in a clear
-// error, with nothing installed on the SSL object and the other credentials untouched.
+// Real faults under the store: a full file system, a read-only one, sealed files altered or
+// cut short, key material missing or damaged at start-up, and garbage where certificates, keys, CA lists and
+// PSK text belong. Each must end in a clear error, with nothing installed on the SSL object and the other
+// credentials untouched.
 //
 // A store that fails to write keeps ssl_mutex held (legacy behaviour), so such stores run in a
 // forked child; the files it leaves are on the same tmpfs and the parent looks at them.
@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -37,15 +36,13 @@ using kora::test::kHigh;
 using kora::test::kStoreRoot;
 using kora::test::LogCapture;
 using kora::test::slurp;
+using kora::test::spill;
+using kora::test::store;
 using std::filesystem::exists;
 
 const std::string kBlob = kStoreRoot + "keyblob/takey.blob";
 const std::string kNonce = kStoreRoot + "keyblob/takey.nonce";
 const char* const kRootKey = "/data/km/root.key";
-
-void spill(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 // Prints a row as its label rather than as raw bytes.
 template <class Row, class = decltype(Row::label)>
@@ -83,15 +80,11 @@ class FaultTest : public ::testing::Test {
   }
 
   void start() { ASSERT_EQ(ssl_store_init(), KORA_OK); }
-  static int put(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
-                 bool key = false) {
-    return SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key);
-  }
   static void put_all(const std::string& name, const Credentials& c) {
-    ASSERT_EQ(put(name, KORA_NET_SSL_CERTIFICATE_E, c.cert), KORA_OK);
-    ASSERT_EQ(put(name, KORA_NET_SSL_CERTIFICATE_E, c.key, true), KORA_OK);
-    ASSERT_EQ(put(name, KORA_NET_SSL_CA_LIST_E, c.ca), KORA_OK);
-    ASSERT_EQ(put(name, KORA_NET_SSL_PSK_TABLE_E, c.psk), KORA_OK);
+    ASSERT_EQ(store(name, KORA_NET_SSL_CERTIFICATE_E, c.cert), KORA_OK);
+    ASSERT_EQ(store(name, KORA_NET_SSL_CERTIFICATE_E, c.key, true), KORA_OK);
+    ASSERT_EQ(store(name, KORA_NET_SSL_CA_LIST_E, c.ca), KORA_OK);
+    ASSERT_EQ(store(name, KORA_NET_SSL_PSK_TABLE_E, c.psk), KORA_OK);
   }
 
   // Loads onto a fresh SSL object, which stays available in hdl_/ctx_ until the next load.
@@ -213,8 +206,8 @@ TEST_F(FaultTest, FullFileSystemLeavesACutFileThatIsRefusedAndOthersIntact) {
 
   // Short writes are not detected by the store, so the status is not the point here; what
   // the disk holds afterwards is.
-  const int stored = in_child([&] { return put("big", KORA_NET_SSL_CA_LIST_E, big); });
-  const int replaced = in_child([&] { return put("keep", KORA_NET_SSL_PSK_TABLE_E, big); });
+  const int stored = in_child([&] { return store("big", KORA_NET_SSL_CA_LIST_E, big); });
+  const int replaced = in_child([&] { return store("keep", KORA_NET_SSL_PSK_TABLE_E, big); });
   SCOPED_TRACE("child store statuses " + std::to_string(stored) + " and " + std::to_string(replaced));
   ASSERT_NE(stored, -1) << "the child did not exit";
 
@@ -243,22 +236,11 @@ TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
   ASSERT_EQ(kora::test::mount_tmpfs("/data/data_velto", "size=1m"), "");
   start();
   put_all("keep", make_credentials("keep"));
-  const Credentials fresh = make_credentials("new");
   ASSERT_EQ(kora::test::remount_read_only("/data/data_velto"), "");
   ASSERT_NE(::access("/data/data_velto/.ssl/certs", W_OK), 0) << "the remount did not take";
 
-  const int child = in_child([&] {
-    LogCapture log;
-    const int status = put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert);
-    const bool reported = log.has("Error in opening " + kStoreRoot + "certs/new\n", kError) &&
-                          log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
-                          log.has("Failed to write cert file to file location\n", kError);
-    return reported ? status : 99;
-  });
-  EXPECT_EQ(child, 255) << "expected -1 with the open, seal and store messages (99: a message is missing)";
-  EXPECT_FALSE(exists(kStoreRoot + "certs/new"));
-
-  // Removal fails as clearly, and takes nothing away.
+  // A store fails as StorageTest.FailedWriteLeavesTheLockHeld shows; removal fails as clearly,
+  // and takes nothing away.
   LogCapture log;
   EXPECT_EQ(SSL_cert_store("keep", KORA_NET_SSL_CA_LIST_E, nullptr, 0, false), KORA_ERROR);
   EXPECT_TRUE(log.has("Unable to delete the file\n", kError));
@@ -272,28 +254,6 @@ TEST_F(FaultTest, ReadOnlyFileSystemRefusesWritesAndKeepsServingReads) {
   EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_ERROR);
   EXPECT_TRUE(log.has("SSL_ca_list_load: storing Encrypted certificate in EFS failed!\n", kError));
   EXPECT_EQ(installed(), "");
-}
-
-TEST_F(FaultTest, DirectoryReplacedByAFileFailsItsKindOnly) {
-  start();
-  put_all("keep", make_credentials("keep"));
-  std::filesystem::remove_all(kStoreRoot + "certs");
-  spill(kStoreRoot + "certs", "not a directory");
-
-  const Credentials fresh = make_credentials("new");
-  EXPECT_EQ(in_child([&] { return put("new", KORA_NET_SSL_CERTIFICATE_E, fresh.cert); }), 255);
-
-  LogCapture log;
-  kora_Net_SSL_Cert_List_t list{};
-  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list), KORA_ERROR);
-  EXPECT_TRUE(log.has("Opening folder failed\n", kError));
-  EXPECT_EQ(load(KORA_NET_SSL_CERTIFICATE_E, "keep"), KORA_ERROR);
-  EXPECT_TRUE(log.has("ERROR: Reading certificate info from cert loc failed!! \r\n", kError));
-  EXPECT_EQ(installed(), "");
-
-  EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_OK);
-  EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "keep"), KORA_OK);
-  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CA_LIST_E, &list), 1);
 }
 
 // --- Key material missing or damaged between two starts ---------------------------------
@@ -364,10 +324,10 @@ TEST_P(Garbage, IsRefusedWithItsMessageAndNothingInstalled) {
   const Credentials c = make_credentials("dev");
   put_all("other", c);
   if (row.type == KORA_NET_SSL_CERTIFICATE_E) {
-    ASSERT_EQ(put("dev", row.type, row.garbage_key ? c.cert : row.bytes), KORA_OK);
-    ASSERT_EQ(put("dev", row.type, row.garbage_key ? row.bytes : c.key, true), KORA_OK);
+    ASSERT_EQ(store("dev", row.type, row.garbage_key ? c.cert : row.bytes), KORA_OK);
+    ASSERT_EQ(store("dev", row.type, row.garbage_key ? row.bytes : c.key, true), KORA_OK);
   } else {
-    ASSERT_EQ(put("dev", row.type, row.bytes), KORA_OK);
+    ASSERT_EQ(store("dev", row.type, row.bytes), KORA_OK);
   }
 
   LogCapture log;

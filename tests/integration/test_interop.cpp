@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <tuple>
 
+#include "file_bytes.h"
 #include "kora_certgen.h"
 #include "loading_fixture.h"
 #include "subprocess.h"
@@ -49,7 +49,7 @@ class Interop : public LoadingTest {
   }
 
   static std::string tool_file(const std::string& name, const std::string& content) {
-    std::ofstream("/data/tool/" + name, std::ios::binary) << content;
+    spill("/data/tool/" + name, content);
     return "/data/tool/" + name;
   }
   static std::vector<std::string> cert_args(const Credential& cred) {

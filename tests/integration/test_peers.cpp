@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
 
 #include "cli_tool.h"
@@ -116,27 +115,11 @@ std::string fill(const std::string& text, int port) {
 // A peer runs under "timeout", in case this process dies before it can kill it.
 std::vector<std::string> peer_argv(const Case& c, int port) {
   if (c.peer.config != nullptr) {
-    std::ofstream("/data/in/peer.conf") << fill(c.peer.config, port);
+    spill("/data/in/peer.conf", fill(c.peer.config, port));
   }
   std::vector<std::string> argv = words_of(fill(std::string(c.peer.command) + " " + c.peer_options, port));
   argv.insert(argv.begin(), {"timeout", "-s", "KILL", "60", "stdbuf", "-oL", "-eL"});
   return argv;
-}
-
-// A program on a free port: the probing socket stays bound until just before the start, and a
-// program that does not reach `ready` (another process took the port) is started again on a new one.
-std::unique_ptr<Subprocess> start_listening(const std::function<std::vector<std::string>(int)>& argv_for,
-                                            const std::string& ready, int* port) {
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    ::close(listen_loopback(port));
-    std::string why;
-    auto child = Subprocess::start(argv_for(*port), &why);
-    if (child && !child->wait_for_line(ready, 20s).empty()) {
-      return child;
-    }
-    ADD_FAILURE() << "attempt " << attempt << ": " << why << (child ? child->output() : "");
-  }
-  return nullptr;
 }
 
 class Peers : public ::testing::TestWithParam<Case> {
@@ -162,7 +145,7 @@ class Peers : public ::testing::TestWithParam<Case> {
                                       {"dev.key", dev.key_pem()},
                                       {"beta.psk", psk},
                                       {"tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk}}) {
-      std::ofstream(std::string("/data/in/") + name) << bytes;
+      spill(std::string("/data/in/") + name, bytes);
     }
     cli_all({"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
              "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key", "put ca root /data/in/root.pem",

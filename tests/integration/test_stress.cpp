@@ -36,6 +36,7 @@ constexpr int kThreads = 8;
 constexpr int kOperations = 10000;
 // Far beyond a normal run even under valgrind or qemu; reaching it means a thread is stuck.
 constexpr auto kDeadline = std::chrono::seconds(540);
+using kora::test::store;
 const std::array<std::string, 3> kNames = {"alpha", "beta", "gamma"};
 
 // What may be stored under one name: one certificate and key pair (the two files are written
@@ -89,19 +90,16 @@ class StressTest : public kora::test::LoadingTest {
         w.faults.push_back(std::string(what) + " " + name + " returned " + std::to_string(got));
       }
     };
-    auto store = [&](kora_Net_SSL_Cert_Type_t type, const std::string& bytes, bool key) {
-      return SSL_cert_store(name, type, bytes.data(), static_cast<int>(bytes.size()), key);
-    };
     switch (op) {
       case Op::kStoreCert:
-        expect(store(KORA_NET_SSL_CERTIFICATE_E, c.cert, false), {KORA_OK}, "store cert");
-        expect(store(KORA_NET_SSL_CERTIFICATE_E, c.key, true), {KORA_OK}, "store key");
+        expect(store(name, KORA_NET_SSL_CERTIFICATE_E, c.cert), {KORA_OK}, "store cert");
+        expect(store(name, KORA_NET_SSL_CERTIFICATE_E, c.key, true), {KORA_OK}, "store key");
         break;
       case Op::kStoreCa:
-        expect(store(KORA_NET_SSL_CA_LIST_E, c.ca[variant], false), {KORA_OK}, "store CA list");
+        expect(store(name, KORA_NET_SSL_CA_LIST_E, c.ca[variant]), {KORA_OK}, "store CA list");
         break;
       case Op::kStorePsk:
-        expect(store(KORA_NET_SSL_PSK_TABLE_E, c.psk[variant], false), {KORA_OK}, "store PSK table");
+        expect(store(name, KORA_NET_SSL_PSK_TABLE_E, c.psk[variant]), {KORA_OK}, "store PSK table");
         break;
       case Op::kLoadCert:  // -1 while the certificate or its key is absent
         expect(SSL_cert_load(w.obj, KORA_NET_SSL_CERTIFICATE_E, name), cert_results(w), "load cert");

@@ -121,13 +121,10 @@ int store(const Credential& c, int v) {
   if (v == kAbsent) {
     return SSL_cert_store(c.name.c_str(), c.type, nullptr, 0, false);
   }
-  const std::string& b = c.bytes[v];
-  int rc = SSL_cert_store(c.name.c_str(), c.type, b.data(), static_cast<int>(b.size()), false);
-  if (rc == KORA_OK && c.type == KORA_NET_SSL_CERTIFICATE_E) {
-    const std::string& k = c.key_bytes[v];
-    rc = SSL_cert_store(c.name.c_str(), c.type, k.data(), static_cast<int>(k.size()), true);
-  }
-  return rc;
+  const int rc = kora::test::store(c.name, c.type, c.bytes[v]);
+  return rc != KORA_OK || c.type != KORA_NET_SSL_CERTIFICATE_E
+             ? rc
+             : kora::test::store(c.name, c.type, c.key_bytes[v], true);
 }
 
 // One file's state: absent, unreadable (nullopt with the file present) or its bytes.

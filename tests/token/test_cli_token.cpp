@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
 #include "cli_tool.h"
 #include "kora_certgen.h"
 #include "softhsm_token.h"
@@ -17,8 +15,7 @@ TEST(CliToken, InitNamesTheTokenKeyAndEveryProcessOpensWhatWasSealed) {
   ASSERT_EQ(make_softhsm_token("/data/hsm"), "");
   ::setenv("KORA_KM_PKCS11_URI", token_uri().c_str(), 1);
   ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-  std::ofstream("/data/ca.pem")
-      << certgen::make_self_signed({{{"CN", "token-ca"}}, {}, false, true}).cert_pem();
+  spill("/data/ca.pem", certgen::make_self_signed({{{"CN", "token-ca"}}, {}, false, true}).cert_pem());
   const struct {
     const char* command;
     const char* says[2];

@@ -30,7 +30,7 @@ class LoadingTest : public StorageTest {
 
   static void put(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
                   bool key = false) {
-    ASSERT_EQ(SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key), 0);
+    ASSERT_EQ(store(name, type, bytes, key), 0);
   }
   static std::string bytes_of(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
   gbl_ssl_ctx_t& record() const {

@@ -43,6 +43,12 @@ class StorageTest : public ::testing::Test {
 
 using std::filesystem::exists;
 
+// Stores `bytes` under `name`; the store's status.
+inline int store(const std::string& name, kora_Net_SSL_Cert_Type_t type, const std::string& bytes,
+                 bool key = false) {
+  return SSL_cert_store(name.c_str(), type, bytes.data(), static_cast<int>(bytes.size()), key);
+}
+
 // An empty plain file.
 inline void write_plain(const std::string& path) { ASSERT_TRUE(std::ofstream(path).good()) << path; }
 

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "file_bytes.h"
 #include "host_km.h"
 #include "kora_host_km.h"
 #include "ssl_KM_crypto_services.h"
@@ -191,10 +192,6 @@ TEST_F(HostKm, RootKeyWrittenShortIsNotPlaced) {
   EXPECT_NE(stat(kRootKey, &st), 0) << "a partly written root key was put in place";
 }
 
-void write_file(const std::string& path, const Bytes& b) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
-}
-
 TEST_F(HostKm, DamagedBlobOrWrongRootKeyFailsEveryCall) {
   for (size_t i = 0; i < blob_.size(); ++i) {
     Bytes bad = blob_;
@@ -203,10 +200,10 @@ TEST_F(HostKm, DamagedBlobOrWrongRootKeyFailsEveryCall) {
   }
   const Bytes sealed = seal(Bytes(3));
   // The data key is cached per process: a new root key counts from the next process on.
-  write_file(kRootKey, random_bytes(32));
+  ASSERT_TRUE(kora::test::spill(kRootKey, std::string(32, 'w')));
   km::forget_keys();
   EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), km::kErrKeyBlob);
-  write_file(kRootKey, random_bytes(31));
+  ASSERT_TRUE(kora::test::spill(kRootKey, std::string(31, 'w')));
   km::forget_keys();
   EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
   EXPECT_EQ(crypt(blob_, nonce_, Bytes(5), kSeal), km::kErrRootKey);

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -17,18 +16,16 @@
 namespace {
 
 using kora::test::kError;
+using kora::test::spill;
 
 const std::string kDir = "/data/data_velto/", kSessions = "/data/data_velto/.ssl/sessions/";
 
-void put(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 TEST(Files, ReadWholeFileOrLeaveOutputsAlone) {
   kora::test::LogCapture log;
   for (const std::string& bytes : {std::string(), std::string("a\0b", 3)}) {
-    put(kDir + "f", bytes);
+    spill(kDir + "f", bytes);
     void* buffer = nullptr;
     size_t size = 99;
     ASSERT_EQ(0, ssl_store_read_from_file((kDir + "f").c_str(), &buffer, &size));
@@ -87,7 +84,7 @@ TEST(Files, NoMemoryLeavesFileOpen) {
 TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
   kora::test::LogCapture log;
   const std::string path = kDir + "w";
-  put(path, std::string(100, 'o'));
+  spill(path, std::string(100, 'o'));
   std::string bytes("new\0", 4);
   ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
   EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
@@ -107,8 +104,8 @@ TEST(Files, BoundSessionFilesRemovedByPrefix) {
   const std::string l245(245, 'l');
   const std::vector<std::string> removed = {"abc_1.session", "abc_1.timestamp", "abc_def_7.session"};
   const std::vector<std::string> kept = {"abc_x.der", "abcd_1.session", "abc.session", l245 + "_.session"};
-  for (const auto& name : removed) put(kSessions + name, "s");
-  for (const auto& name : kept) put(kSessions + name, "s");
+  for (const auto& name : removed) spill(kSessions + name, "s");
+  for (const auto& name : kept) spill(kSessions + name, "s");
   ssl_store_delete_binded_session_files("abc", KORA_NET_SSL_CERTIFICATE_E);
   ssl_store_delete_binded_session_files(l245.c_str(), KORA_NET_SSL_CERTIFICATE_E);
   for (const auto& name : removed) EXPECT_FALSE(exists(kSessions + name)) << name;

@@ -88,13 +88,17 @@ TEST_F(StorageTest, StoreRefusesArgumentsBeforeTakingTheLock) {
   }
 }
 
-// A failed write leaves ssl_mutex held, so every later store waits for it.
+// A failed write is reported at each step, writes nothing and leaves ssl_mutex held, so every
+// later store waits for it.
 TEST_F(StorageTest, FailedWriteLeavesTheLockHeld) {
   ASSERT_EQ(mount_tmpfs(kCerts, "size=64k"), "");
   ASSERT_EQ(remount_read_only(kCerts), "");
   LogCapture log;
   EXPECT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "abc", 3, false), -1);
+  EXPECT_TRUE(log.has("Error in opening " + kCerts + "dev\n", kError));
+  EXPECT_TRUE(log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError));
   EXPECT_TRUE(log.has("Failed to write cert file to file location\n", kError));
+  EXPECT_FALSE(exists(kCerts + "dev"));
   EXPECT_FALSE(store_lock_is_free());
   lock_held_on_purpose_ = true;
 }
