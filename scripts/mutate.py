@@ -291,9 +291,12 @@ def main():
     equivalents = load_equivalents()
     results = {}
     if args.summary:  # the fates printed by an earlier run, with today's list of equivalents
+        where = {m.id: f" {m.path}:{m.line_no} " for m in chosen}
         for raw in Path(args.summary).read_text().splitlines():
             match = re.match(r"^([skoh]\d+)\s+(killed|hang|survived|equivalent|stillborn)\s", raw)
-            if match:
+            if match and match.group(1) in where:
+                if where[match.group(1)] not in raw:  # the tree moved on since that run
+                    sys.exit(f"mutate: {match.group(1)} of {args.summary} is not this tree's")
                 results[match.group(1)] = match.group(2)
         return summarize(chosen, results, equivalents, args.goal)
 
