@@ -25,10 +25,12 @@ std::string parent_of(const std::string& path) {
   return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
-// Creates every missing directory of `dir`, each with mode 0700.
+// Creates every missing directory of `dir`, each with mode 0700; false with errno set to
+// why not.
 bool make_private_dirs(const std::string& dir) {
   struct stat st {};
   if (::stat(dir.c_str(), &st) == 0) {
+    errno = S_ISDIR(st.st_mode) ? errno : ENOTDIR;
     return S_ISDIR(st.st_mode);
   }
   if (dir.size() > 1 && !make_private_dirs(parent_of(dir))) {
@@ -70,7 +72,8 @@ Result check_location(const std::string& path) {
 // never sees a partly written key.
 Result create_root_key(const std::string& path, bool replace) {
   if (!make_private_dirs(parent_of(path))) {
-    return fail(kErrRootKey, "cannot create the root key directory %s", parent_of(path).c_str());
+    return fail(kErrRootKey, "cannot create the root key directory %s: %s", parent_of(path).c_str(),
+                std::strerror(errno));
   }
   uint8_t key[kRootKeyLen];
   uint8_t salt[4];

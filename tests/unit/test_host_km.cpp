@@ -181,15 +181,25 @@ TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
   EXPECT_NE(last_bytes, std::string(16, last_bytes[0])) << "the last byte of new root keys never changes";
 }
 
-// A root key that cannot be written in full (the file system is full) is never put in place.
-TEST_F(HostKm, RootKeyWrittenShortIsNotPlaced) {
-  ASSERT_EQ(std::system("rm /data/km/root.key && mount -t tmpfs -o size=4k,mode=0700 tmpfs /data/km && "
-                        "(head -c 8192 /dev/zero > /data/km/fill; true)"),
-            0);
-  km::forget_keys();
-  EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
-  struct stat st {};
-  EXPECT_NE(stat(kRootKey, &st), 0) << "a partly written root key was put in place";
+// A root key that cannot be written in full (the file system is full) is never put in place;
+// a directory that cannot be made is named with the reason.
+TEST_F(HostKm, RootKeyThatCannotBeWrittenIsNotPlaced) {
+  const struct {
+    const char *setup, *path, *says;
+  } cases[] = {{"rm /data/km/root.key && mount -t tmpfs -o size=4k,mode=0700 tmpfs /data/km && "
+                "(head -c 8192 /dev/zero > /data/km/fill; true)",
+                kRootKey, "cannot create the root key /data/km/root.key: "},
+               {"mkdir /data/ro && mount -t tmpfs -o ro tmpfs /data/ro", "/data/ro/a/b/root.key",
+                "directory /data/ro/a/b: Read-only file system"}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(std::system(c.setup), 0);
+    setenv("KORA_KM_ROOT_KEY", c.path, 1);
+    km::forget_keys();
+    EXPECT_TRUE(new_blob(km::kErrRootKey).empty());
+    EXPECT_NE(std::string(kora_km_last_error()).find(c.says), std::string::npos) << kora_km_last_error();
+    struct stat st {};
+    EXPECT_NE(stat(c.path, &st), 0) << "a partly written root key was put in place";
+  }
 }
 
 TEST_F(HostKm, DamagedBlobOrWrongRootKeyFailsEveryCall) {
@@ -226,6 +236,8 @@ const Planted kPlanted[] = {
     {"other_user", "chown nobody /data/km/root.key", kRootKey, "not owned by the effective user"},
     {"open_directory", "chmod 1777 /data/km", kRootKey, "directory /data/km is writable by others"},
     {"relative", "true", "km/root.key", "must be an absolute path"},
+    {"file_for_directory", "touch /data/km/plain", "/data/km/plain/sub/root.key",
+     "directory /data/km/plain/sub: Not a directory"},
     {"missing", "rm /data/km/root.key", kRootKey, "missing while a key blob exists"},
 };
 void PrintTo(const Planted& p, std::ostream* os) { *os << p.label; }
@@ -250,8 +262,9 @@ INSTANTIATE_TEST_SUITE_P(Files, HostKmPlanted, testing::ValuesIn(kPlanted),
 #else
 bool logged_in(CK_RV rv) { return rv == CKR_OK || rv == CKR_USER_ALREADY_LOGGED_IN; }
 
-// Reads an attribute of the token's root key through a session of the test's own.
-CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv) {
+// Reads an attribute of the token's root key, and counts the AES keys the application sees,
+// through a session of the test's own.
+CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv, CK_ULONG* keys) {
   CK_FUNCTION_LIST* m = p11_kit_module_load(KORA_SOFTHSM2_MODULE, 0);
   CK_SLOT_ID slots[8];
   CK_ULONG n = 8, found = 0;
@@ -259,6 +272,9 @@ CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv) {
   CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;
   char label[] = "kora-root";
   CK_ATTRIBUTE by_label{CKA_LABEL, label, sizeof label - 1};
+  CK_OBJECT_CLASS aes = CKO_SECRET_KEY;
+  CK_ATTRIBUTE by_class{CKA_CLASS, &aes, sizeof aes};
+  CK_OBJECT_HANDLE all[8];
   CK_BBOOL flag = CK_FALSE;
   CK_ATTRIBUTE attr{type, &flag, sizeof flag};
   uint8_t secret[32];
@@ -270,7 +286,9 @@ CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv) {
               // The key service's session has logged the application in already.
               logged_in(m->C_Login(s, CKU_USER, pin, 4)) && m->C_FindObjectsInit(s, &by_label, 1) == CKR_OK &&
               m->C_FindObjects(s, &key, 1, &found) == CKR_OK && m->C_FindObjectsFinal(s) == CKR_OK &&
-              found == 1 && m->C_GetAttributeValue(s, key, &attr, 1) == CKR_OK);
+              found == 1 && m->C_GetAttributeValue(s, key, &attr, 1) == CKR_OK &&
+              m->C_FindObjectsInit(s, &by_class, 1) == CKR_OK && m->C_FindObjects(s, all, 8, keys) == CKR_OK &&
+              m->C_FindObjectsFinal(s) == CKR_OK);
   *value_rv = m->C_GetAttributeValue(s, key, &value, 1);
   (void)m->C_CloseSession(s);
   (void)p11_kit_module_finalize(m);
@@ -278,12 +296,17 @@ CK_BBOOL root_key_flag(CK_ATTRIBUTE_TYPE type, CK_RV* value_rv) {
   return flag;
 }
 
+// The data key of a key blob no longer in use is not left in the token either.
 TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
+  seal(Bytes(3));
+  EXPECT_EQ(crypt(new_blob(), nonce_, Bytes(3), kSeal), 0);
   CK_RV value_rv = CKR_OK;
-  EXPECT_EQ(root_key_flag(CKA_SENSITIVE, &value_rv), CK_TRUE);
-  EXPECT_EQ(root_key_flag(CKA_EXTRACTABLE, &value_rv), CK_FALSE);
-  EXPECT_EQ(root_key_flag(CKA_NEVER_EXTRACTABLE, &value_rv), CK_TRUE);
+  CK_ULONG keys = 0;
+  EXPECT_EQ(root_key_flag(CKA_SENSITIVE, &value_rv, &keys), CK_TRUE);
+  EXPECT_EQ(root_key_flag(CKA_EXTRACTABLE, &value_rv, &keys), CK_FALSE);
+  EXPECT_EQ(root_key_flag(CKA_NEVER_EXTRACTABLE, &value_rv, &keys), CK_TRUE);
   EXPECT_EQ(value_rv, CKR_ATTRIBUTE_SENSITIVE) << "the key's value was read out";
+  EXPECT_EQ(keys, 2u) << "the root key and one data key";
 }
 
 // A seal of one backend is refused by the other as another backend's, not as damage.
@@ -317,8 +340,7 @@ TEST_P(HostKmTokenUri, SaysWhatIsWrong) {
   std::fprintf(f, "%s\n", kora::test::kTokenPin);
   std::fclose(f);
   const Bytes sealed = seal(Bytes(5));
-  km::forget_keys();
-  setenv("KORA_KM_PKCS11_URI", GetParam().uri.c_str(), 1);
+  setenv("KORA_KM_PKCS11_URI", GetParam().uri.c_str(), 1);  // in the same process: another token
   // A second call fails the same way (and a refused PIN is not tried on the token again).
   for (int attempt = 0; attempt < 2; ++attempt) {
     EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), GetParam().rc);
@@ -336,6 +358,8 @@ INSTANTIATE_TEST_SUITE_P(
                   km::kErrToken, "no token"},
         TokenCase{"missing_key", kora::test::token_uri("pin-value=1234", "other"), km::kErrRootKey,
                   "has no root key"},
+        TokenCase{"other_id", kora::test::token_uri("pin-value=1234", "kora-root;id=%01"), km::kErrRootKey,
+                  "has no root key"},
         TokenCase{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so",
                   km::kErrToken, "cannot load"}),
     [](const auto& p) { return std::string(p.param.label); });
@@ -348,6 +372,14 @@ TEST_F(HostKm, EmptyRootKeyVariableMeansTheDefaultPath) {
   setenv("KORA_KM_ROOT_KEY", "", 1);
   EXPECT_EQ(km::root_key_path(), fallback);
   EXPECT_EQ(fallback.front(), '/');
+}
+
+// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
+TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAsked) {
+  EXPECT_EQ(kora_km_make_root_key(0), 0);
+  seal(Bytes(3));
+  EXPECT_EQ(kora_km_make_root_key(1), 0);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 // A failed call's reason does not outlive it: the next call that works reports none.
