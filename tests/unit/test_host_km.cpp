@@ -309,6 +309,27 @@ TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
   EXPECT_EQ(keys, 2u) << "the root key and one data key";
 }
 
+// A token that misbehaves is named: a seal of the wrong length, a root key it will not remove.
+// A session it will not close keeps no data key: that is removed before.
+TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
+  setenv("KORA_KM_PKCS11_URI", "pkcs11:token=kora;object=kora-root?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234",
+         1);
+  setenv("KORA_P11_FAULT", "C_Encrypt", 1);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrToken);
+  EXPECT_STREQ(kora_km_last_error(), "the token sealed 3 bytes into 18");
+  setenv("KORA_P11_FAULT", "C_DestroyObject", 1);
+  EXPECT_EQ(kora_km_make_root_key(1), km::kErrToken);
+  EXPECT_NE(std::string(kora_km_last_error()).find("removing the old root key"), std::string::npos);
+  setenv("KORA_P11_FAULT", "", 1);
+  seal(Bytes(3));
+  setenv("KORA_P11_FAULT", "C_CloseSession C_Finalize", 1);
+  km::forget_keys();
+  CK_RV value_rv = CKR_OK;
+  CK_ULONG keys = 0;
+  root_key_flag(CKA_SENSITIVE, &value_rv, &keys);
+  EXPECT_EQ(keys, 1u) << "a data key outlived its session";
+}
+
 // A seal of one backend is refused by the other as another backend's, not as damage.
 TEST_F(HostKm, EachBackendRefusesTheOthersSeal) {
   const Bytes by_token = seal(Bytes(10));
