@@ -1,6 +1,6 @@
 // A PKCS#11 module that forwards every call to SoftHSM2 and misbehaves in the calls named in
 // KORA_P11_FAULT: C_Encrypt reports one byte fewer than it wrote; C_DestroyObject,
-// C_CloseSession and C_Finalize fail without reaching the token.
+// C_Logout, C_CloseSession and C_Finalize fail without reaching the token.
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
 
@@ -27,6 +27,8 @@ CK_RV destroy_object(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE object) {
   return faulty("C_DestroyObject") ? CKR_FUNCTION_FAILED : g_real->C_DestroyObject(s, object);
 }
 
+CK_RV log_out(CK_SESSION_HANDLE s) { return faulty("C_Logout") ? CKR_FUNCTION_FAILED : g_real->C_Logout(s); }
+
 CK_RV close_session(CK_SESSION_HANDLE s) {
   return faulty("C_CloseSession") ? CKR_FUNCTION_FAILED : g_real->C_CloseSession(s);
 }
@@ -48,6 +50,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     g_shim = *g_real;
     g_shim.C_Encrypt = encrypt;
     g_shim.C_DestroyObject = destroy_object;
+    g_shim.C_Logout = log_out;
     g_shim.C_CloseSession = close_session;
     g_shim.C_Finalize = finalize;
   }

@@ -310,7 +310,7 @@ TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
 }
 
 // A token that misbehaves is named: a seal of the wrong length, a root key it will not remove.
-// A session it will not close keeps no data key: that is removed before.
+// A session it will not end keeps no data key: that is removed before.
 TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   setenv("KORA_KM_PKCS11_URI", "pkcs11:token=kora;object=kora-root?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234",
          1);
@@ -322,7 +322,7 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   EXPECT_NE(std::string(kora_km_last_error()).find("removing the old root key"), std::string::npos);
   setenv("KORA_P11_FAULT", "", 1);
   seal(Bytes(3));
-  setenv("KORA_P11_FAULT", "C_CloseSession C_Finalize", 1);
+  setenv("KORA_P11_FAULT", "C_Logout C_CloseSession C_Finalize", 1);
   km::forget_keys();
   CK_RV value_rv = CKR_OK;
   CK_ULONG keys = 0;
