@@ -40,20 +40,17 @@ CK_RV finalize(CK_VOID_PTR reserved) {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
-  if (g_real == nullptr) {
-    void* module = dlopen(KORA_SOFTHSM2_MODULE, RTLD_NOW | RTLD_LOCAL);
-    auto* get = module != nullptr ? reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"))
-                                  : nullptr;
-    if (get == nullptr || get(&g_real) != CKR_OK) {
-      return CKR_GENERAL_ERROR;
-    }
-    g_shim = *g_real;
-    g_shim.C_Encrypt = encrypt;
-    g_shim.C_DestroyObject = destroy_object;
-    g_shim.C_Logout = log_out;
-    g_shim.C_CloseSession = close_session;
-    g_shim.C_Finalize = finalize;
+  void* softhsm = dlopen(KORA_SOFTHSM2_MODULE, RTLD_NOW | RTLD_LOCAL);
+  auto* get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(softhsm, "C_GetFunctionList"));
+  if (softhsm == nullptr || get == nullptr || get(&g_real) != CKR_OK) {
+    return CKR_GENERAL_ERROR;
   }
+  g_shim = *g_real;
+  g_shim.C_Encrypt = encrypt;
+  g_shim.C_DestroyObject = destroy_object;
+  g_shim.C_Logout = log_out;
+  g_shim.C_CloseSession = close_session;
+  g_shim.C_Finalize = finalize;
   *list = &g_shim;
   return CKR_OK;
 }
