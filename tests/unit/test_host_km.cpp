@@ -80,6 +80,7 @@ struct Case {
   bool create = false;  // by a new key blob, else opened for a sealed file
 };
 std::string name_of(const testing::TestParamInfo<Case>& c) { return c.param.label; }
+void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 
 class HostKm : public testing::Test {
  protected:
@@ -255,8 +256,6 @@ TEST_P(HostKmCase, RootKeyRefusedWithTheFileAndTheRuleNamed) {
 }
 INSTANTIATE_TEST_SUITE_P(Files, HostKmCase, testing::ValuesIn(kPlanted), name_of);
 #else
-bool logged_in(CK_RV rv) { return rv == CKR_OK || rv == CKR_USER_ALREADY_LOGGED_IN; }
-
 // Through a session of the test's own: the root key's sensitive, extractable and
 // never-extractable flags, what reading its value gives, and how many AES keys the
 // application sees.
@@ -279,7 +278,8 @@ std::vector<CK_ULONG> look_into_token() {
               m->C_GetSlotList(CK_TRUE, slots, &n) == CKR_OK &&
               m->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &s) == CKR_OK &&
               // The key service's session has logged the application in already.
-              logged_in(m->C_Login(s, CKU_USER, pin, 4)) && m->C_FindObjectsInit(s, &by_label, 1) == CKR_OK &&
+              m->C_Login(s, CKU_USER, pin, 4) == CKR_USER_ALREADY_LOGGED_IN &&
+              m->C_FindObjectsInit(s, &by_label, 1) == CKR_OK &&
               m->C_FindObjects(s, &key, 1, &found) == CKR_OK && m->C_FindObjectsFinal(s) == CKR_OK &&
               found == 1 && m->C_GetAttributeValue(s, key, flags, 3) == CKR_OK &&
               m->C_FindObjectsInit(s, &by_class, 1) == CKR_OK &&
@@ -303,8 +303,7 @@ TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
 // A token that misbehaves is named: a seal of the wrong length, a root key it will not remove.
 // A session it will not end keeps no data key: that is removed before.
 TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
-  setenv("KORA_KM_PKCS11_URI",
-         "pkcs11:token=kora;object=kora-root?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234", 1);
+  setenv("KORA_KM_PKCS11_URI", "pkcs11:object=kora-root?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234", 1);
   setenv("KORA_P11_FAULT", "C_DestroyObject", 1);
   EXPECT_EQ(kora_km_make_root_key(1), km::kErrToken);
   EXPECT_NE(std::string(kora_km_last_error()).find("removing the old root key"), std::string::npos);
