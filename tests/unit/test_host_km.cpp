@@ -146,10 +146,12 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
 }
 
 // A process that starts afresh (here: a child that drops every cached key and handle) reads
-// the root key again and opens what this one sealed.
+// the root key again and opens what this one sealed, also when started without standard
+// input, as daemons are (the root key then gets descriptor 0).
 TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
   const Bytes plain = random_bytes(300), sealed = seal(plain);
   EXPECT_EQ(kora::test::in_child([&] {
+              ::close(0);
               km::forget_keys();
               Bytes back;
               return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
@@ -219,8 +221,7 @@ TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
 // the rule named; a missing one is not made again while a key blob exists. One that cannot be
 // made (the file system is full, a directory cannot be made) is not put in place, and why is said.
 const Case kPlanted[] = {
-    {"symlink", "mv /data/km/root.key /data/km/real && ln -s real /data/km/root.key", kRootKey,
-     "symbolic link"},
+    {"symlink", "cd /data/km && mv root.key real && ln -s real root.key", kRootKey, "symbolic link"},
     {"fifo", "rm /data/km/root.key && mkfifo -m 600 /data/km/root.key", kRootKey, "not a regular file"},
     {"directory", "rm /data/km/root.key && mkdir /data/km/root.key", kRootKey, "not a regular file"},
     {"group_readable", "chmod 640 /data/km/root.key", kRootKey, "group or other permission"},
