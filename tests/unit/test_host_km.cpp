@@ -301,11 +301,13 @@ TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
             (std::vector<CK_ULONG>{CK_TRUE, CK_FALSE, CK_TRUE, CKR_ATTRIBUTE_SENSITIVE, 2}));
 }
 
-// A token that misbehaves is named: a seal of the wrong length, a root key it will not remove.
-// A session it will not end keeps no data key: that is removed before.
+// A token that misbehaves is named: a root key it will not remove, a seal of the wrong length.
+// A data key it will not remove is not taken for the root key named by id. A session it will
+// not end keeps no data key: that is removed before.
 TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
-  setenv("KORA_KM_PKCS11_URI", "pkcs11:object=kora-root?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234", 1);
-  setenv("KORA_P11_FAULT", "C_DestroyObject", 1);
+  setenv("KORA_KM_PKCS11_URI", "pkcs11:id=%01?module-path=" KORA_FAKE_PKCS11 "&pin-value=1234", 1);
+  setenv("KORA_P11_FAULT", "C_DestroyObject C_Logout C_CloseSession C_Finalize", 1);
+  blob_ = new_blob();  // under a second root key
   EXPECT_EQ(kora_km_make_root_key(1), km::kErrToken);
   EXPECT_NE(std::string(kora_km_last_error()).find("removing the old root key"), std::string::npos);
   setenv("KORA_P11_FAULT", "C_Encrypt", 1);  // after the data key is unwrapped
@@ -313,7 +315,7 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   EXPECT_STREQ(kora_km_last_error(), "the token sealed 3 bytes into 18");
   setenv("KORA_P11_FAULT", "C_Logout C_CloseSession C_Finalize", 1);
   km::forget_keys();
-  EXPECT_EQ(look_into_token().back(), 1u) << "a data key outlived its session";
+  EXPECT_EQ(look_into_token().back(), 3u) << "two root keys and the data key the token kept; no other";
 }
 
 // A seal of one backend is refused by the other as another backend's, not as damage.
