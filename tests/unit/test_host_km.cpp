@@ -267,9 +267,8 @@ std::vector<CK_ULONG> look_into_token() {
   CK_ULONG n = 8, found = 0, keys = 0;
   CK_SESSION_HANDLE s = CK_INVALID_HANDLE;
   CK_OBJECT_HANDLE key = CK_INVALID_HANDLE, all[8];
-  char label[] = "kora-root";
   CK_OBJECT_CLASS aes = CKO_SECRET_KEY;
-  CK_ATTRIBUTE by_label{CKA_LABEL, label, sizeof label - 1}, by_class{CKA_CLASS, &aes, sizeof aes};
+  CK_ATTRIBUTE by_label{CKA_LABEL, const_cast<char*>("kora-root"), 9}, by_class{CKA_CLASS, &aes, sizeof aes};
   CK_ATTRIBUTE flags[] = {
       {CKA_SENSITIVE, &flag[0], 1}, {CKA_EXTRACTABLE, &flag[1], 1}, {CKA_NEVER_EXTRACTABLE, &flag[2], 1}};
   uint8_t secret[32];
