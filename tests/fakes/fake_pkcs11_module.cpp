@@ -33,9 +33,7 @@ CK_RV close_session(CK_SESSION_HANDLE s) {
   return faulty("C_CloseSession") ? CKR_FUNCTION_FAILED : g_real->C_CloseSession(s);
 }
 
-CK_RV finalize(CK_VOID_PTR reserved) {
-  return faulty("C_Finalize") ? CKR_FUNCTION_FAILED : g_real->C_Finalize(reserved);
-}
+CK_RV finalize(CK_VOID_PTR r) { return faulty("C_Finalize") ? CKR_FUNCTION_FAILED : g_real->C_Finalize(r); }
 
 }  // namespace
 
