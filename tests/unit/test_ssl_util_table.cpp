@@ -176,8 +176,9 @@ TEST(SslUtilTable, RepeatedCipherSettingsHoldNoMemory) {
 }
 
 // The rest of a stored PEM file goes onto the context as the chain of its certificate, with a
-// count; a name the store has no file for (a certificate the application installed) adds nothing
-// and says nothing; a chain the context's security level refuses is dropped whole.
+// count; a certificate the application installed itself, under a name with no file or with a file
+// of another certificate, adds nothing and says nothing; a chain the context's security level
+// refuses is dropped whole.
 class StoredChain : public kora::test::LoadingTest {};
 
 TEST_F(StoredChain, IntermediatesAreCountedOrRefusedWhole) {
@@ -190,7 +191,7 @@ TEST_F(StoredChain, IntermediatesAreCountedOrRefusedWhole) {
   const std::string one = leaf.cert_pem(), three = one + mid2.cert_pem() + mid.cert_pem();
   const struct {
     const char* name;
-    std::string stored;  // "": not in the store, installed by the application
+    std::string stored;  // "": installed by the application (not the leaf of a file of that name)
     int level;           // the context's security level once loaded
     int chain;
     std::string said;
@@ -200,11 +201,12 @@ TEST_F(StoredChain, IntermediatesAreCountedOrRefusedWhole) {
       {"two", one + mid2.cert_pem(), 1, 1, "SSL_set_cert_info: 1 chain certificates sent with two\n"},
       {"three", three, 1, 2, "SSL_set_cert_info: 2 chain certificates sent with three\n"},
       {"psk", three, 1, 2, ""},  // with a PSK table the chain is left as the load set it
+      {"three", "", 1, 0, ""},
       {"weak", three, 4, 0, "SSL_set_cert_info: chain of weak could not be added\n"},
   };
   for (const auto& c : cases) {
     if (c.stored.empty()) {
-      ASSERT_EQ(SSL_CTX_use_certificate(ctx_, leaf.cert.get()), 1);
+      ASSERT_EQ(SSL_CTX_use_certificate(ctx_, mid.cert.get()), 1);
     } else {
       put(c.name, KORA_NET_SSL_CERTIFICATE_E, c.stored);
       put(c.name, KORA_NET_SSL_CERTIFICATE_E, leaf.key_pem(), true);
