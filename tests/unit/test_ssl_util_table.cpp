@@ -144,6 +144,8 @@ TEST(SslUtilTable, RefusalsAreLoggedInTheCallersName) {
       {"ssl_obj_set_verify" + unknown, kInvalid, [&] { return ssl_obj_set_verify(stale, SSL_VERIFY_NONE); }},
       {"ssl_obj_free" + unknown, kInvalid, [&] { return ssl_obj_free(stale); }},
       {"ssl_obj_set_server_name" + unknown, kInvalid, [&] { return ssl_obj_set_server_name(stale, "h"); }},
+      {"ssl_obj_set_protocol_bounds: unsupported bounds 0x303..0x999\n", kInvalid,
+       [&] { return ssl_obj_set_protocol_bounds(live, TLS1_2_VERSION, 0x999); }},
       {"ssl_obj_set_psk_identity: value too long\n", kInvalid,
        [&] { return ssl_obj_set_psk_identity(live, longer.c_str()); }},
       {"ssl_obj_set_ciphers: cipher list refused: NOPE\n", kFailed,
