@@ -48,9 +48,8 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &client_), 0);
     ASSERT_EQ(SSL_CTX_use_certificate(ssl_get_obj_context(server_), server_cert_.cert.get()), 1);
     ASSERT_EQ(SSL_CTX_use_PrivateKey(ssl_get_obj_context(server_), server_cert_.key.get()), 1);
-    for (ssl_obj_hdl_t hdl : {server_, client_}) {
-      ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, GetParam(), GetParam()), 0);
-    }
+    ASSERT_EQ(ssl_obj_set_protocol_bounds(server_, GetParam(), GetParam()), 0);
+    ASSERT_EQ(ssl_obj_set_protocol_bounds(client_, GetParam(), GetParam()), 0);
     ASSERT_EQ(ssl_obj_set_verify(client_, SSL_VERIFY_NONE), 0);
     ASSERT_EQ(SSL_set_cert_info(ssl_get_obj_context(client_), "cred"), 0);
   }
