@@ -205,7 +205,7 @@ TEST_F(StoredChain, IntermediatesAreCountedOrRefusedWhole) {
       {"two", one + mid2.cert_pem(), 1, 1, "SSL_set_cert_info: 1 chain certificates sent with two\n"},
       {"three", three, 1, 2, "SSL_set_cert_info: 2 chain certificates sent with three\n"},
       {"psk", three, 1, 2, ""},  // with a PSK table the chain is left as the load set it
-      {"three", "", 1, 0, ""},
+      {"three", "", 1, 0, ""},   // another certificate over a stored name: not its chain
       {"weak", three, 4, 0, "SSL_set_cert_info: chain of weak could not be added\n"},
   };
   for (const auto& c : cases) {
