@@ -78,7 +78,9 @@ TEST_P(KeyblobFailure, ReportsAndCleansUp) {
   EXPECT_TRUE(log_.has(row.message, kora::test::kError)) << row.message;
   EXPECT_EQ(row.blob_file, access(kBlobPath.c_str(), F_OK) == 0);
   EXPECT_NE(0, access(kNoncePath.c_str(), F_OK));
-  EXPECT_TRUE(gp_tz_keyblob == nullptr && g_keyblob_len == 0 && gp_ta_nonceBuf == nullptr);
+  const uint8_t *blob = nullptr, *nonce = nullptr;
+  EXPECT_TRUE(gp_tz_keyblob == nullptr && g_keyblob_len == 0 && gp_ta_nonceBuf == nullptr &&
+              !ssl_store_key_material(&blob, &g_keyblob_len, &nonce));
 }
 
 INSTANTIATE_TEST_SUITE_P(

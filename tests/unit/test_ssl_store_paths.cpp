@@ -73,8 +73,11 @@ TEST(Paths, SessionPathAndExistenceChecks) {
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/private_keys"));
   std::fclose(std::fopen((kCerts + "dev").c_str(), "w"));
   std::fclose(std::fopen("/data/data_velto/.ssl/private_keys/keyonly", "w"));
-  EXPECT_EQ(1, fileExists((kCerts + "dev").c_str()));
-  EXPECT_TRUE(log.has("Successfully opened the file in read mode\n", kHigh));
+  EXPECT_EQ(std::make_tuple(1, 0, -1),
+            std::make_tuple(fileExists((kCerts + "dev").c_str()), fileExists((kCerts + "none").c_str()),
+                            fileExists(nullptr)));
+  EXPECT_TRUE(log.has("Successfully opened the file in read mode\n", kHigh) &&
+              log.has("File name is NULL\n", kError));
   EXPECT_EQ(0, Is_SSL_cert_file_exist("dev", KORA_NET_SSL_CERTIFICATE_E));
   // A bad type is -1 here, not the resolver's -2; private keys are never looked for.
   EXPECT_EQ(-1, Is_SSL_cert_file_exist("dev", static_cast<kora_Net_SSL_Cert_Type_t>(9)));
