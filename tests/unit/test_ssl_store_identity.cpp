@@ -101,11 +101,7 @@ TEST_F(LoadingTest, SecondIdentityReplacesAttachedCertificate) {
   put("a", KORA_NET_SSL_DI_CERT_E, first.cert_pem());
   put("b", KORA_NET_SSL_DI_CERT_E, second.cert_pem());
   kora_Net_SSL_Identifier_t ref{};
-  LogCapture log;
-  EXPECT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, std::string(64, 'n').c_str()), -1);
-  EXPECT_TRUE(log.has(
-      "SSL_cert_load_get_identifier:Invalid abs path for the file name:" + std::string(64, 'n') + " type:4",
-      kError));
+  EXPECT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, std::string(64, 'n').c_str()), -1);  // no path for it
   ASSERT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, "a"), 0);
   auto* kept = static_cast<X509*>(SSL_CTX_get_ex_data(ctx_, SSL_DI_CERT_EX_DATA_INDEX));
   ASSERT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, "b"), 0);

@@ -82,8 +82,7 @@ TEST_F(StorageTest, PskStoreFailureAndMissingArguments) {
                                         {nullptr, "tbl"}}) {
     LogCapture log;
     EXPECT_EQ(ssl_parse_and_store_psktable(table, reinterpret_cast<const uint8_t*>(out_file)), -2);
-    EXPECT_EQ(log.texts(), std::vector<std::string>{"Invalid input parameters!"});
-    EXPECT_TRUE(log.has("Invalid input parameters!", kError));
+    EXPECT_TRUE(log.texts().size() == 1 && log.has("Invalid input parameters!", kError));
   }
   EXPECT_FALSE(exists(kTablePath));
 }
