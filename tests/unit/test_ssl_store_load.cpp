@@ -65,8 +65,7 @@ TEST_P(Load, ReturnsCodeLogsAndReleasesLock) {
   EXPECT_TRUE(log.has(row.text, row.mask) &&
               !log.has("Unable to set the cert name to the object context \n", kError))
       << row.text;
-  EXPECT_TRUE(store_lock_is_free());
-  EXPECT_STREQ(record().cert, row.recorded);
+  EXPECT_TRUE(store_lock_is_free() && std::string(record().cert) == row.recorded) << record().cert;
   X509* installed = SSL_CTX_get0_certificate(ctx_);
   EXPECT_EQ(installed != nullptr && X509_cmp(installed, cred.cert.get()) == 0, row.installed);
 }
