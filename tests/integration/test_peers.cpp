@@ -16,42 +16,38 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A peer program ({port} and {in} replaced): its words, its config file, what it logs once it
-// listens ("" for a client, which runs against our `serve`).
+// A peer program ({port} and {in} replaced): its words, what it logs once it listens ("" for a
+// client, which runs against our `serve`), its config file if it takes one.
 struct Peer {
   const char* command;
-  const char* config;
   const char* ready;
+  const char* config = nullptr;
 };
 const Peer kGnutlsCert = {
     "gnutls-serv -p {port} --x509certfile {in}/srv.pem --x509keyfile {in}/srv.key --require-client-cert "
     "--verify-client-cert",
-    nullptr, "Server listening on IPv4"};
+    "Server listening on IPv4"};
 const Peer kGnutlsPsk = {"gnutls-serv -p {port} --pskpasswd {in}/beta.psk --priority NORMAL:+PSK:+DHE-PSK",
-                         nullptr, "Server listening on IPv4"};
+                         "Server listening on IPv4"};
 const Peer kGnutlsCli = {
     "gnutls-cli -p {port} --x509cafile {in}/root.pem --x509certfile {in}/dev.pem --x509keyfile {in}/dev.key "
     "127.0.0.1",
-    nullptr, ""};
+    ""};
 const Peer kCurl = {
-    "curl -sS --cacert {in}/root.pem --cert {in}/dev.pem --key {in}/dev.key https://127.0.0.1:{port}/",
-    nullptr, ""};
+    "curl -sS --cacert {in}/root.pem --cert {in}/dev.pem --key {in}/dev.key https://127.0.0.1:{port}/", ""};
 const Peer kMosquittoCert = {
-    "mosquitto -c {in}/peer.conf",
+    "mosquitto -c {in}/peer.conf", " running",
     "user root\nlistener {port} 127.0.0.1\ncafile {in}/root.pem\ncertfile {in}/srv.pem\n"
-    "keyfile {in}/srv.key\nrequire_certificate true\nlog_dest stderr\nlog_type all\n",
-    " running"};
+    "keyfile {in}/srv.key\nrequire_certificate true\nlog_dest stderr\nlog_type all\n"};
 const Peer kMosquittoPsk = {
-    "mosquitto -c {in}/peer.conf",
+    "mosquitto -c {in}/peer.conf", " running",
     "user root\nlistener {port} 127.0.0.1\npsk_hint broker-hint\npsk_file {in}/beta.psk\n"
-    "log_dest stderr\nlog_type all\n",
-    " running"};
+    "log_dest stderr\nlog_type all\n"};
 const Peer kStunnel = {
-    "stunnel4 {in}/peer.conf",
+    "stunnel4 {in}/peer.conf", "Accepting new connections",
     "foreground = yes\npid =\ndebug = info\n[svc]\naccept = 127.0.0.1:{port}\nconnect = "
     "127.0.0.1:1\ncert = {in}/srv.pem\nkey = {in}/srv.key\nCAfile = {in}/root.pem\nverifyChain = "
-    "yes\nrequireCert = yes\n",
-    "Accepting new connections"};
+    "yes\nrequireCert = yes\n"};
 constexpr char kServe[] = "serve {port} --cert srv --ca root --once";
 
 struct Case {
