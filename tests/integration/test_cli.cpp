@@ -119,10 +119,21 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   r = cli("-v ls psk");
   EXPECT_EQ(r.out, "psk  lab\n");
   EXPECT_NE(r.err.find("SSL_cert_store: Successfully genereated Keyblob"), std::string::npos) << r.err;
+  // PSK comments are stripped, and a listing shows identities, never keys.
+  r = cli("put psk notes psk_comments.txt");
+  EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
+  r = cli("ls -l psk");
+  EXPECT_EQ(r.out,
+            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
+            "    entries:       1\n    identities:    dev1\n");
+  EXPECT_EQ(r.out.find("0011"), std::string::npos);
+  // A refused table leaves the one stored before in place.
+  EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
+  EXPECT_NE(cli("show psk lab").out.find("dev1, a:b"), std::string::npos);
 
   EXPECT_EQ(cli("der2pem server.der out.pem").code, 0);
   EXPECT_EQ(slurp("out.pem"), slurp("server.pem"));
-  cli_all({"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab"});
+  cli_all({"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab", "rm psk notes"});
   EXPECT_FALSE(fs::exists(kStore + "private_keys/srv"));
   EXPECT_EQ(cli("ls").out, "");
 }
@@ -220,21 +231,6 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   EXPECT_NE(r.out.find("\"issuer\" : \"CN = mid\""), std::string::npos) << r.out;
   ASSERT_EQ(cli("put ca root root.pem").code, 0);
   expect_handshake("--cert bag", "--ca root");  // trusted by the root alone: the stored chain is sent
-}
-
-TEST_F(Cli, PskCommentsAreStrippedAndAListingShowsIdentitiesNeverKeys) {
-  provision();
-  ASSERT_EQ(cli("put psk lab psk.txt").code, 0);
-  Result r = cli("put psk notes psk_comments.txt");
-  EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
-  r = cli("ls -l psk");
-  EXPECT_EQ(r.out,
-            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
-            "    entries:       1\n    identities:    dev1\n");
-  EXPECT_EQ(r.out.find("0011"), std::string::npos);
-  // A refused table leaves the one stored before in place.
-  EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
-  EXPECT_NE(cli("show psk lab").out.find("dev1, a:b"), std::string::npos);
 }
 
 TEST_F(Cli, ListsEveryNameSortedBeyondTheStoresTen) {

@@ -140,6 +140,7 @@ struct TamperRow {
 
 class TamperedFile : public FaultTest, public ::testing::WithParamInterface<TamperRow> {};
 
+const char* const kNoCaList = "CAList: Unable to retrieve the CAList\n";
 const char* const kUnsealFailed = "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n";
 
 TEST_P(TamperedFile, EveryFlippedByteAndEveryCutIsRefusedCleanly) {
@@ -179,17 +180,15 @@ TEST_P(TamperedFile, EveryFlippedByteAndEveryCutIsRefusedCleanly) {
   expect_loads("other");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, TamperedFile,
-    ::testing::Values(TamperRow{"certificate", KORA_NET_SSL_CERTIFICATE_E, "certs/dev",
-                                "ERROR: Reading certificate info from cert loc failed!! \r\n", false},
-                      TamperRow{"private_key", KORA_NET_SSL_CERTIFICATE_E, "private_keys/dev",
-                                "ERROR: Reading private key info from cert loc failed!! \r\n", true},
-                      TamperRow{"ca_list", KORA_NET_SSL_CA_LIST_E, "ca_lists/dev",
-                                "ERROR: Reading ca_list info from cert loc failed!! \r\n", false},
-                      TamperRow{"psk_table", KORA_NET_SSL_PSK_TABLE_E, "psk_table/dev",
-                                "ERROR: Reading psk info from cert loc failed!! \r\n", false}),
-    kLabel);
+const TamperRow kTamperRows[] = {{"certificate", KORA_NET_SSL_CERTIFICATE_E, "certs/dev",
+                                  "ERROR: Reading certificate info from cert loc failed!! \r\n", false},
+                                 {"private_key", KORA_NET_SSL_CERTIFICATE_E, "private_keys/dev",
+                                  "ERROR: Reading private key info from cert loc failed!! \r\n", true},
+                                 {"ca_list", KORA_NET_SSL_CA_LIST_E, "ca_lists/dev",
+                                  "ERROR: Reading ca_list info from cert loc failed!! \r\n", false},
+                                 {"psk_table", KORA_NET_SSL_PSK_TABLE_E, "psk_table/dev",
+                                  "ERROR: Reading psk info from cert loc failed!! \r\n", false}};
+INSTANTIATE_TEST_SUITE_P(Files, TamperedFile, ::testing::ValuesIn(kTamperRows), kLabel);
 
 // --- The file system fails under the store -----------------------------------------------
 
@@ -222,7 +221,7 @@ TEST_F(FaultTest, FullFileSystemLeavesACutFileThatIsRefusedAndOthersIntact) {
   EXPECT_EQ(load(KORA_NET_SSL_CERTIFICATE_E, "keep"), KORA_OK);
   LogCapture log;
   EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_ERROR);
-  EXPECT_TRUE(log.has("CAList: Unable to retrieve the CAList\n", kHigh));
+  EXPECT_TRUE(log.has(kNoCaList, kHigh));
   EXPECT_EQ(installed(), "");
   EXPECT_EQ(SSL_cert_store("big", KORA_NET_SSL_CA_LIST_E, nullptr, 0, false), KORA_OK);
   EXPECT_EQ(load(KORA_NET_SSL_CA_LIST_E, "keep"), KORA_OK);
@@ -286,17 +285,15 @@ TEST_P(DamagedKeyMaterial, LaterStartRefusesOldCredentialsCleanly) {
 
 const std::string kGarbage(48, '\x17');
 
-INSTANTIATE_TEST_SUITE_P(
-    Files, DamagedKeyMaterial,
-    ::testing::Values(KeyRow{"nonce_missing", [] { std::remove(kNonce.c_str()); }, KORA_ERROR,
-                             "SSL_cert_store: Reading nonce from EFS failed failed!"},
-                      KeyRow{"blob_missing_makes_a_new_key", [] { std::remove(kBlob.c_str()); }, KORA_OK, ""},
-                      KeyRow{"blob_garbage", [] { spill(kBlob, kGarbage); }, KORA_OK, ""},
-                      KeyRow{"blob_cut", [] { spill(kBlob, slurp(kBlob).substr(0, 8)); }, KORA_OK, ""},
-                      KeyRow{"nonce_garbage", [] { spill(kNonce, std::string(12, '\x55')); }, KORA_OK, ""},
-                      KeyRow{"root_key_missing", [] { std::remove(kRootKey); }, KORA_OK, ""},
-                      KeyRow{"root_key_garbage", [] { spill(kRootKey, kGarbage); }, KORA_OK, ""}),
-    kLabel);
+const KeyRow kKeyRows[] = {{"nonce_missing", [] { std::remove(kNonce.c_str()); }, KORA_ERROR,
+                            "SSL_cert_store: Reading nonce from EFS failed failed!"},
+                           {"blob_missing_makes_a_new_key", [] { std::remove(kBlob.c_str()); }, KORA_OK, ""},
+                           {"blob_garbage", [] { spill(kBlob, kGarbage); }, KORA_OK, ""},
+                           {"blob_cut", [] { spill(kBlob, slurp(kBlob).substr(0, 8)); }, KORA_OK, ""},
+                           {"nonce_garbage", [] { spill(kNonce, std::string(12, '\x55')); }, KORA_OK, ""},
+                           {"root_key_missing", [] { std::remove(kRootKey); }, KORA_OK, ""},
+                           {"root_key_garbage", [] { spill(kRootKey, kGarbage); }, KORA_OK, ""}};
+INSTANTIATE_TEST_SUITE_P(Files, DamagedKeyMaterial, ::testing::ValuesIn(kKeyRows), kLabel);
 
 // --- Garbage where credentials belong ---------------------------------------------------
 
@@ -330,27 +327,20 @@ TEST_P(Garbage, IsRefusedWithItsMessageAndNothingInstalled) {
   expect_loads("other");
 }
 
+const char* const kNoX509 = "Failed to get the X509 object \n";
+const char* const kNoKey = "Failed to set the private key \n";
 const std::string kFakeDer = std::string("\x30\x82\x01\x00", 4) + std::string(256, '\x02');
 
-INSTANTIATE_TEST_SUITE_P(
-    Credentials, Garbage,
-    ::testing::Values(GarbageRow{"text_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false,
-                                 "hello, not a certificate\n", "Failed to get the X509 object \n", kError},
-                      GarbageRow{"der_header_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false, kFakeDer,
-                                 "Failed to get the X509 object \n", kError},
-                      GarbageRow{"pem_armour_without_body", KORA_NET_SSL_CERTIFICATE_E, false,
-                                 "-----BEGIN CERTIFICATE-----\n@@@@\n-----END CERTIFICATE-----\n",
-                                 "Failed to get the X509 object \n", kError},
-                      GarbageRow{"text_as_key", KORA_NET_SSL_CERTIFICATE_E, true, "not a key at all",
-                                 "Failed to set the private key \n", kError},
-                      GarbageRow{"der_header_as_key", KORA_NET_SSL_CERTIFICATE_E, true, kFakeDer,
-                                 "Failed to set the private key \n", kError},
-                      GarbageRow{"text_as_ca_list", KORA_NET_SSL_CA_LIST_E, false,
-                                 "no certificates in here\n", "CAList: Unable to retrieve the CAList\n",
-                                 kHigh},
-                      GarbageRow{"binary_as_ca_list", KORA_NET_SSL_CA_LIST_E, false, kFakeDer,
-                                 "CAList: Unable to retrieve the CAList\n", kHigh}),
-    kLabel);
+const GarbageRow kGarbageRows[] = {
+    {"text_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false, "hello, not a certificate\n", kNoX509, kError},
+    {"der_header_as_certificate", KORA_NET_SSL_CERTIFICATE_E, false, kFakeDer, kNoX509, kError},
+    {"pem_armour_without_body", KORA_NET_SSL_CERTIFICATE_E, false,
+     "-----BEGIN CERTIFICATE-----\n@@@@\n-----END CERTIFICATE-----\n", kNoX509, kError},
+    {"text_as_key", KORA_NET_SSL_CERTIFICATE_E, true, "not a key at all", kNoKey, kError},
+    {"der_header_as_key", KORA_NET_SSL_CERTIFICATE_E, true, kFakeDer, kNoKey, kError},
+    {"text_as_ca_list", KORA_NET_SSL_CA_LIST_E, false, "no certificates in here\n", kNoCaList, kHigh},
+    {"binary_as_ca_list", KORA_NET_SSL_CA_LIST_E, false, kFakeDer, kNoCaList, kHigh}};
+INSTANTIATE_TEST_SUITE_P(Credentials, Garbage, ::testing::ValuesIn(kGarbageRows), kLabel);
 
 TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
   start();

@@ -49,6 +49,7 @@ const Peer kStunnel = {
     "127.0.0.1:1\ncert = {in}/srv.pem\nkey = {in}/srv.key\nCAfile = {in}/root.pem\nverifyChain = "
     "yes\nrequireCert = yes\n"};
 constexpr char kServe[] = "serve {port} --cert srv --ca root --once";
+constexpr char kConnectDev[] = "connect 127.0.0.1:{port} --cert dev --ca root";
 
 struct Case {
   const char* label;
@@ -64,17 +65,16 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 const Case kCases[] = {
     {"gnutls_server_trusts_our_chain_tls12", kGnutlsCert,
      "--x509cafile {in}/root.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.2",
-     "Status: The certificate is trusted", "connect 127.0.0.1:{port} --cert dev --ca root", 0,
-     "verification:  ok"},
+     "Status: The certificate is trusted", kConnectDev, 0, "verification:  ok"},
     {"gnutls_server_trusts_our_chain_tls13", kGnutlsCert,
      "--x509cafile {in}/root.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.3",
-     "Status: The certificate is trusted", "connect 127.0.0.1:{port} --cert dev --ca root", 0, "TLSv1.3"},
+     "Status: The certificate is trusted", kConnectDev, 0, "TLSv1.3"},
     {"gnutls_server_rejects_our_certificate_tls12", kGnutlsCert,
      "--x509cafile {in}/other.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.2", "Error in handshake",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "the server sent alert"},
+     kConnectDev, 1, "the server sent alert"},
     {"gnutls_server_rejects_our_certificate_after_tls13_handshake", kGnutlsCert,
      "--x509cafile {in}/other.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.3", "Error in handshake",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "refused our client certificate after"},
+     kConnectDev, 1, "refused our client certificate after"},
     {"server_certificate_without_our_ip_refused", kGnutlsCert, "--x509cafile {in}/root.pem",
      "Error in handshake", "connect 127.0.0.2:{port} --cert dev --ca root", 1, "IP address mismatch"},
     {"gnutls_psk_identity_chosen_over_hint_tls12", kGnutlsPsk, "--pskhint broker-hint", "Connected as 'beta'",
@@ -86,7 +86,7 @@ const Case kCases[] = {
     {"gnutls_psk_tls13", kGnutlsPsk, "", "Connected as 'beta'",
      "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3", 0, "TLSv1.3"},
     {"mosquitto_certificate_listener_accepts_our_chain", kMosquittoCert, "", "closed its connection",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 0, "verification:  ok"},
+     kConnectDev, 0, "verification:  ok"},
     {"mosquitto_refusal_seen_after_tls13_handshake", kMosquittoCert, "", "peer did not return a certificate",
      "connect 127.0.0.1:{port} --ca root --tls1.3", 1, "alert 'certificate required'"},
     {"mosquitto_psk_listener_with_hint_tls12", kMosquittoPsk, "", "closed its connection",
