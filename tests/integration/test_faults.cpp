@@ -140,6 +140,8 @@ struct TamperRow {
 
 class TamperedFile : public FaultTest, public ::testing::WithParamInterface<TamperRow> {};
 
+const char* const kCaListUnread = "ERROR: Reading ca_list info from cert loc failed!! \r\n";
+const char* const kPskUnread = "ERROR: Reading psk info from cert loc failed!! \r\n";
 const char* const kNoCaList = "CAList: Unable to retrieve the CAList\n";
 const char* const kUnsealFailed = "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n";
 
@@ -180,14 +182,14 @@ TEST_P(TamperedFile, EveryFlippedByteAndEveryCutIsRefusedCleanly) {
   expect_loads("other");
 }
 
-const TamperRow kTamperRows[] = {{"certificate", KORA_NET_SSL_CERTIFICATE_E, "certs/dev",
-                                  "ERROR: Reading certificate info from cert loc failed!! \r\n", false},
-                                 {"private_key", KORA_NET_SSL_CERTIFICATE_E, "private_keys/dev",
-                                  "ERROR: Reading private key info from cert loc failed!! \r\n", true},
-                                 {"ca_list", KORA_NET_SSL_CA_LIST_E, "ca_lists/dev",
-                                  "ERROR: Reading ca_list info from cert loc failed!! \r\n", false},
-                                 {"psk_table", KORA_NET_SSL_PSK_TABLE_E, "psk_table/dev",
-                                  "ERROR: Reading psk info from cert loc failed!! \r\n", false}};
+const TamperRow kTamperRows[] = {
+    {"certificate", KORA_NET_SSL_CERTIFICATE_E, "certs/dev",
+     "ERROR: Reading certificate info from cert loc failed!! \r\n", false},
+    {"private_key", KORA_NET_SSL_CERTIFICATE_E, "private_keys/dev",
+     "ERROR: Reading private key info from cert loc failed!! \r\n", true},
+    {"ca_list", KORA_NET_SSL_CA_LIST_E, "ca_lists/dev", kCaListUnread, false},
+    {"psk_table", KORA_NET_SSL_PSK_TABLE_E, "psk_table/dev", kPskUnread, false},
+};
 INSTANTIATE_TEST_SUITE_P(Files, TamperedFile, ::testing::ValuesIn(kTamperRows), kLabel);
 
 // --- The file system fails under the store -----------------------------------------------
@@ -206,10 +208,8 @@ TEST_F(FaultTest, FullFileSystemLeavesACutFileThatIsRefusedAndOthersIntact) {
   SCOPED_TRACE("child store statuses " + std::to_string(stored) + " and " + std::to_string(replaced));
   ASSERT_NE(stored, -1) << "the child did not exit";
 
-  for (const auto& [type, name, message] :
-       {std::tuple{KORA_NET_SSL_CA_LIST_E, "big", "ERROR: Reading ca_list info from cert loc failed!! \r\n"},
-        std::tuple{KORA_NET_SSL_PSK_TABLE_E, "keep",
-                   "ERROR: Reading psk info from cert loc failed!! \r\n"}}) {
+  for (const auto& [type, name, message] : {std::tuple{KORA_NET_SSL_CA_LIST_E, "big", kCaListUnread},
+                                            std::tuple{KORA_NET_SSL_PSK_TABLE_E, "keep", kPskUnread}}) {
     LogCapture log;
     EXPECT_EQ(load(type, name), KORA_ERROR) << name;
     EXPECT_TRUE(log.has(message, kError)) << name;
