@@ -22,6 +22,7 @@ TEST(SslUtilErrorDrain, OneErrorMessagePerQueuedErrorThenNothingMore) {
     EXPECT_TRUE(m.mask == kora::test::kError && m.ss_id == 65 && m.fmt == "%s" && m.fname == "ssl_util");
     EXPECT_EQ(m.text.rfind("SSL_certificate_load:321: OpenSSL error ", 0), 0u) << m.text;
     EXPECT_EQ(m.text.back(), '\n');
+    EXPECT_NE(m.text.find(" (" __FILE__ ":"), std::string::npos) << "where the error was raised not said";
   }
   EXPECT_NE(messages[1].text.find("extra detail"), std::string::npos) << "error data not reported";
   EXPECT_EQ(messages[2].text.find("not text"), std::string::npos) << "data not flagged as text printed";

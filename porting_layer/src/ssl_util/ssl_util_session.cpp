@@ -180,7 +180,7 @@ void offer_saved_session(int index, SSL* ssl) {
   if (session_file[0] == '\0') {
     return;
   }
-  char timestamp[512];
+  char timestamp[sizeof gbl_ssl_ctx_t{}.sess + 2];  // the longest path, ".session" made ".timestamp"
   std::vector<uint8_t> bytes;
   if (!timestamp_path_of(session_file, timestamp, sizeof timestamp) || !read_file(timestamp, &bytes) ||
       bytes.size() != sizeof(session_store_t)) {
