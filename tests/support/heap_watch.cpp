@@ -63,10 +63,7 @@ bool forget(void* p) {
 }
 
 void releasing(void* p, bool by_openssl) {
-  if (p == nullptr) {
-    return;
-  }
-  if (!forget(p)) {
+  if (p == nullptr || !forget(p)) {
     return;
   }
   State& s = state();
