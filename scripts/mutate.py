@@ -263,7 +263,9 @@ def main():
     parser.add_argument("--goal", type=float, default=95.0)
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
     parser.add_argument("--test-timeout", type=int, default=30)
-    parser.add_argument("--summary", metavar="LOG", help="score the fates printed in LOG, run nothing")
+    parser.add_argument("--summary", metavar="LOG", action="append",
+                        help="score the fates printed in LOG, run nothing; a later LOG (a rerun of "
+                             "some mutants) overrides an earlier one")
     args = parser.parse_args()
 
     chosen, everything = [], generate()
@@ -292,12 +294,13 @@ def main():
     results = {}
     if args.summary:  # the fates printed by an earlier run, with today's list of equivalents
         where = {m.id: f" {m.path}:{m.line_no} " for m in chosen}
-        for raw in Path(args.summary).read_text().splitlines():
-            match = re.match(r"^([skoh]\d+)\s+(killed|hang|survived|equivalent|stillborn)\s", raw)
-            if match and match.group(1) in where:
-                if where[match.group(1)] not in raw:  # the tree moved on since that run
-                    sys.exit(f"mutate: {match.group(1)} of {args.summary} is not this tree's")
-                results[match.group(1)] = match.group(2)
+        for log in args.summary:
+            for raw in Path(log).read_text().splitlines():
+                match = re.match(r"^([skoh]\d+)\s+(killed|hang|survived|equivalent|stillborn)\s", raw)
+                if match and match.group(1) in where:
+                    if where[match.group(1)] not in raw:  # the tree moved on since that run
+                        sys.exit(f"mutate: {match.group(1)} of {log} is not this tree's")
+                    results[match.group(1)] = match.group(2)
         return summarize(chosen, results, equivalents, args.goal)
 
     work = Path(os.environ.get("KORA_MUTATE_DIR", "/tmp/kora-mutate"))

@@ -16,24 +16,22 @@
 
 namespace kora::test {
 
-// The tool with the words of `command`; its stderr goes to `err_path`.
-inline std::unique_ptr<Subprocess> start(const std::string& command, const std::string& err_path) {
-  std::string why;
-  auto child = Subprocess::start(cli_argv(command), &why, err_path);
-  EXPECT_NE(child, nullptr) << why;
-  return child;
-}
-
 struct Result {
   int code;
   std::string out, err;
 };
 
-inline Result cli(const std::string& command) {
-  auto child = start(command, "/data/cli.err");
-  const int code = child ? child->wait_exit(std::chrono::seconds(30)) : -1;
+// Runs `argv` to its end (a hang shows as code -1); its stderr goes to /data/cli.err.
+inline Result run(const std::vector<std::string>& argv) {
+  std::string why;
+  auto child = Subprocess::start(argv, &why, "/data/cli.err");
+  EXPECT_NE(child, nullptr) << why;
+  const int code = child ? child->wait_exit(std::chrono::seconds(60)) : -1;
   return {code, child ? child->output() : "", slurp("/data/cli.err")};
 }
+
+// The tool with the words of `command`.
+inline Result cli(const std::string& command) { return run(cli_argv(command)); }
 
 // A program on a free port: the probing socket stays bound until just before the start, and a
 // program that does not reach `ready` (another process took the port) is started again on a new one.

@@ -28,16 +28,12 @@ std::ostream& operator<<(std::ostream& os, const Row& row) {
 
 // A shell script in the input directory; $KORA runs the tool, "openssl" the openssl tool.
 Result shell(const std::string& script) {
-#ifdef KORA_CLI_LAUNCHER
-  ::setenv("KORA", KORA_CLI_LAUNCHER " " KORA_CLI_PATH, 1);
-#else
-  ::setenv("KORA", KORA_CLI_PATH, 1);
-#endif
-  std::string why;
-  auto child = Subprocess::start({"sh", "-c", script}, &why, "/data/cli.err");
-  EXPECT_NE(child, nullptr) << why;
-  const int code = child ? child->wait_exit(60s) : -1;
-  return {code, child ? child->output() : "", slurp("/data/cli.err")};
+  std::string tool;
+  for (const std::string& word : cli_argv("")) {
+    tool += word + " ";
+  }
+  ::setenv("KORA", tool.c_str(), 1);
+  return run({"sh", "-c", script});
 }
 
 // `serve PORT OPTIONS` on a free port, once it listens there.
@@ -123,31 +119,26 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   r = cli("-v ls psk");
   EXPECT_EQ(r.out, "psk  lab\n");
   EXPECT_NE(r.err.find("SSL_cert_store: Successfully genereated Keyblob"), std::string::npos) << r.err;
+  // PSK comments are stripped, and a listing shows identities, never keys.
+  r = cli("put psk notes psk_comments.txt");
+  EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
+  r = cli("ls -l psk");
+  EXPECT_EQ(r.out,
+            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
+            "    entries:       1\n    identities:    dev1\n");
+  EXPECT_EQ(r.out.find("0011"), std::string::npos);
+  // A refused table leaves the one stored before in place.
+  EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
+  EXPECT_NE(cli("show psk lab").out.find("dev1, a:b"), std::string::npos);
 
   EXPECT_EQ(cli("der2pem server.der out.pem").code, 0);
   EXPECT_EQ(slurp("out.pem"), slurp("server.pem"));
-  cli_all({"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab"});
+  cli_all({"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab", "rm psk notes"});
   EXPECT_FALSE(fs::exists(kStore + "private_keys/srv"));
   EXPECT_EQ(cli("ls").out, "");
 }
 
-// Power lost between a certificate's two files leaves one: rm removes either half cleanly.
-TEST_F(Cli, RemovesEitherHalfOfACertificateThatACutLeft) {
-  provision();
-  ASSERT_EQ(::unlink((kStore + "private_keys/srv").c_str()) | ::unlink((kStore + "certs/cli").c_str()), 0);
-  cli_all({"rm cert srv", "rm cert cli"});
-  EXPECT_FALSE(fs::exists(kStore + "certs/srv") || fs::exists(kStore + "private_keys/cli"));
-}
-
-TEST_F(Cli, ServeAndConnectAuthenticateEachOtherWithStoredCredentials) {
-  provision();
-  const auto [client, server] = expect_handshake("--cert srv --ca roots", "--cert cli --ca roots --tls1.2");
-  EXPECT_NE(client.find("protocol:      TLSv1.2"), std::string::npos) << client;
-  EXPECT_NE(client.find("test-server"), std::string::npos) << client;
-  EXPECT_NE(server.find("test-client"), std::string::npos) << server;
-  EXPECT_NE(server.find("verification:  ok"), std::string::npos) << server;
-}
-
+const char* const kP256 = "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
 // Makes a leaf for 127.0.0.1 signed by the test CA, with its key in k.pem made by `genpkey`
 // (algorithm options), then runs `rest`.
 Result leaf_then(const std::string& genpkey, const std::string& rest) {
@@ -159,7 +150,6 @@ Result leaf_then(const std::string& genpkey, const std::string& rest) {
       "-out x.pem 2>/dev/null; openssl x509 -in x.pem -outform DER -out x.der; echo pw >pw.txt;" +
       rest);
 }
-const char* const kP256 = "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
 
 struct KeyForm {
   const char* label;
@@ -188,8 +178,7 @@ TEST_P(CliKeyForm, StoresAKeyTheLoaderReadsBack) {
 const KeyForm kKeyForms[] = {
     {"ec_sec1_der_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-384",
      "openssl ec -in k.pem -outform DER -out key &&", "--cert x.der --key key", "EC P-384"},
-    {"ec_pkcs8_pem_der_cert", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256", "cp k.pem key &&",
-     "--cert x.der --key key", "EC P-256"},
+    {"ec_pkcs8_pem_der_cert", kP256, "cp k.pem key &&", "--cert x.der --key key", "EC P-256"},
     {"rsa_traditional_pem", "-algorithm RSA", "openssl rsa -in k.pem -traditional -out key &&",
      "--cert x.pem --key key", "RSA 2048"},
     {"rsa_pkcs1_der_pem_cert", "-algorithm RSA",
@@ -200,23 +189,21 @@ const KeyForm kKeyForms[] = {
     {"encrypted_pkcs8_pass", "-algorithm ED25519",
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key &&", "--cert x.pem --key key --pass pass:pw",
      "ED25519"},
-    {"encrypted_der_env", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+    {"encrypted_der_env", kP256,
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -outform DER -out key; export PW=pw &&",
      "--cert x.der --key key --pass env:PW", "EC P-256"},
     {"encrypted_traditional_file", "-algorithm RSA",
      "openssl rsa -in k.pem -aes128 -traditional -passout pass:pw -out key 2>/dev/null &&",
      "--cert x.pem --key key --pass file:pw.txt", "RSA 2048"},
-    {"encrypted_stdin_cert_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
+    {"encrypted_stdin_cert_on_stdin", kP256,
      "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; cat x.pem |",
      "--cert - --key key --pass file:pw.txt", "EC P-256"},
-    {"encrypted_pass_on_stdin", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
-     "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |",
+    {"encrypted_pass_on_stdin", kP256, "openssl pkcs8 -topk8 -in k.pem -passout pass:pw -out key; echo pw |",
      "--cert x.pem --key key --pass stdin", "EC P-256"},
     {"certificate_then_key_in_one_file", "-algorithm ED448", "cat x.pem k.pem >key &&",
      "--cert key --key key", "ED448"},
-    {"pkcs12", "-algorithm EC -pkeyopt ec_paramgen_curve:P-256",
-     "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&", "--p12 key --pass pass:pw",
-     "EC P-256"},
+    {"pkcs12", kP256, "openssl pkcs12 -export -in x.pem -inkey k.pem -passout pass:pw -out key &&",
+     "--p12 key --pass pass:pw", "EC P-256"},
     {"pkcs12_legacy_cipher", "-algorithm RSA",
      "openssl pkcs12 -export -legacy -in x.pem -inkey k.pem -passout pass:pw -out key &&",
      "--p12 key --pass pass:pw", "RSA 2048", true},
@@ -246,35 +233,20 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   expect_handshake("--cert bag", "--ca root");  // trusted by the root alone: the stored chain is sent
 }
 
-TEST_F(Cli, PskCommentsAreStrippedAndAListingShowsIdentitiesNeverKeys) {
-  provision();
-  ASSERT_EQ(cli("put psk lab psk.txt").code, 0);
-  Result r = cli("put psk notes psk_comments.txt");
-  EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
-  r = cli("ls -l psk");
-  EXPECT_EQ(r.out,
-            "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
-            "    entries:       1\n    identities:    dev1\n");
-  EXPECT_EQ(r.out.find("0011"), std::string::npos);
-  // A refused table leaves the one stored before in place.
-  EXPECT_EQ(cli("put psk lab psk_duplicate.txt").code, 1);
-  EXPECT_NE(cli("show psk lab").out.find("dev1, a:b"), std::string::npos);
-}
-
 TEST_F(Cli, ListsEveryNameSortedBeyondTheStoresTen) {
   ASSERT_EQ(cli("init").code, 0);
-  std::string expected;
-  for (int i = 11; i >= 0; --i) {
-    ASSERT_EQ(cli("put ca r" + std::to_string(100 + i) + " ca.pem").code, 0);
+  std::string expected;  // stored last to first, listed first to last
+  for (int i = 111; i >= 100; --i) {
+    ASSERT_EQ(cli("put ca r" + std::to_string(i) + " ca.pem").code, 0);
+    expected.insert(0, "ca   r" + std::to_string(i) + "\n");
   }
-  for (int i = 0; i < 12; ++i) {
-    expected += "ca   r" + std::to_string(100 + i) + "\n";
-  }
+  spill(kStore + "ca_lists/evil\x1b[2J\n", "x");  // planted by hand: reaches the terminal escaped
+  expected.insert(0, "ca   evil\\x1b[2J\\x0a\n");
   EXPECT_EQ(cli("ls ca").out, expected);
   EXPECT_EQ(cli("ls").out, expected);
 }
 
-TEST_F(Cli, ShowsCertificateDetailsAsTextAndJson) {
+TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOther) {
   provision();
   const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
   Result r = cli("show cert srv");
@@ -290,6 +262,11 @@ TEST_F(Cli, ShowsCertificateDetailsAsTextAndJson) {
   EXPECT_NE(r.out.find("\"key_bits\" : 256"), std::string::npos) << r.out;
   EXPECT_EQ(r.out.find("PRIVATE KEY"), std::string::npos);
   EXPECT_EQ(cli("--version").out.rfind("kora-ssl-store ", 0), 0u);
+  const auto [client, server] = expect_handshake("--cert srv --ca roots", "--cert cli --ca roots --tls1.2");
+  EXPECT_NE(client.find("protocol:      TLSv1.2"), std::string::npos) << client;
+  EXPECT_NE(client.find("test-server"), std::string::npos) << client;
+  EXPECT_NE(server.find("test-client"), std::string::npos) << server;
+  EXPECT_NE(server.find("verification:  ok"), std::string::npos) << server;
 }
 
 // A key born on the device: sealed at once, listed while it waits, and joined by the
@@ -309,9 +286,10 @@ TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("(CN = dev42, O = Kora) with its ED25519 private key"), std::string::npos) << r.out;
   expect_handshake("--cert dev", "--ca roots");
-  ASSERT_EQ(cli("csr gone --subject /CN=gone --out gone.csr").code, 0);
-  EXPECT_EQ(cli("rm cert gone").code, 0);  // a key waiting for its certificate
-  EXPECT_FALSE(fs::exists(kStore + "private_keys/gone"));
+  // rm takes either half alone: a key waiting for its certificate, a certificate whose key a cut lost.
+  ASSERT_EQ(::unlink((kStore + "private_keys/srv").c_str()), 0);
+  cli_all({"csr gone --subject /CN=gone --out gone.csr", "rm cert gone", "rm cert srv"});
+  EXPECT_FALSE(fs::exists(kStore + "private_keys/gone") || fs::exists(kStore + "certs/srv"));
 }
 
 struct Refusal {
@@ -481,14 +459,6 @@ const Planted kPlants[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel);
 
-// A name planted in the store by hand reaches the terminal escaped.
-TEST_F(Cli, LsEscapesANamePlantedInTheStore) {
-  provision();
-  spill(kStore + "ca_lists/evil\x1b[2J\n", "x");
-  const std::string out = cli("ls ca").out;
-  EXPECT_NE(out.find("ca   evil\\x1b[2J\\x0a\n"), std::string::npos) << out;
-}
-
 // Another user: whatever the umask, nothing in the tree is open to them, and init closes a
 // tree an older version left open.
 TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
@@ -541,7 +511,9 @@ class CliDemoSignal : public Cli, public ::testing::WithParamInterface<int> {};
 // A signal once the demo has stored its credentials: it still removes all it made.
 TEST_P(CliDemoSignal, KilledMidRunLeavesTheHostAsFound) {
   const auto before = snapshot();
-  auto demo = start("demo", "/data/demo.err");
+  std::string why;
+  auto demo = Subprocess::start(cli_argv("demo"), &why, "/data/demo.err");
+  ASSERT_NE(demo, nullptr) << why;
   const auto deadline = std::chrono::steady_clock::now() + 30s;
   while (!fs::exists(kStore + "certs/kora-demo-server") && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(1ms);

@@ -16,43 +16,40 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A peer program ({port} and {in} replaced): its words, its config file, what it logs once it
-// listens ("" for a client, which runs against our `serve`).
+// A peer program ({port} and {in} replaced): its words, what it logs once it listens ("" for a
+// client, which runs against our `serve`), its config file if it takes one.
 struct Peer {
   const char* command;
-  const char* config;
   const char* ready;
+  const char* config = nullptr;
 };
 const Peer kGnutlsCert = {
     "gnutls-serv -p {port} --x509certfile {in}/srv.pem --x509keyfile {in}/srv.key --require-client-cert "
     "--verify-client-cert",
-    nullptr, "Server listening on IPv4"};
+    "Server listening on IPv4"};
 const Peer kGnutlsPsk = {"gnutls-serv -p {port} --pskpasswd {in}/beta.psk --priority NORMAL:+PSK:+DHE-PSK",
-                         nullptr, "Server listening on IPv4"};
+                         "Server listening on IPv4"};
 const Peer kGnutlsCli = {
     "gnutls-cli -p {port} --x509cafile {in}/root.pem --x509certfile {in}/dev.pem --x509keyfile {in}/dev.key "
     "127.0.0.1",
-    nullptr, ""};
+    ""};
 const Peer kCurl = {
-    "curl -sS --cacert {in}/root.pem --cert {in}/dev.pem --key {in}/dev.key https://127.0.0.1:{port}/",
-    nullptr, ""};
+    "curl -sS --cacert {in}/root.pem --cert {in}/dev.pem --key {in}/dev.key https://127.0.0.1:{port}/", ""};
 const Peer kMosquittoCert = {
-    "mosquitto -c {in}/peer.conf",
+    "mosquitto -c {in}/peer.conf", " running",
     "user root\nlistener {port} 127.0.0.1\ncafile {in}/root.pem\ncertfile {in}/srv.pem\n"
-    "keyfile {in}/srv.key\nrequire_certificate true\nlog_dest stderr\nlog_type all\n",
-    " running"};
+    "keyfile {in}/srv.key\nrequire_certificate true\nlog_dest stderr\nlog_type all\n"};
 const Peer kMosquittoPsk = {
-    "mosquitto -c {in}/peer.conf",
+    "mosquitto -c {in}/peer.conf", " running",
     "user root\nlistener {port} 127.0.0.1\npsk_hint broker-hint\npsk_file {in}/beta.psk\n"
-    "log_dest stderr\nlog_type all\n",
-    " running"};
+    "log_dest stderr\nlog_type all\n"};
 const Peer kStunnel = {
-    "stunnel4 {in}/peer.conf",
+    "stunnel4 {in}/peer.conf", "Accepting new connections",
     "foreground = yes\npid =\ndebug = info\n[svc]\naccept = 127.0.0.1:{port}\nconnect = "
     "127.0.0.1:1\ncert = {in}/srv.pem\nkey = {in}/srv.key\nCAfile = {in}/root.pem\nverifyChain = "
-    "yes\nrequireCert = yes\n",
-    "Accepting new connections"};
+    "yes\nrequireCert = yes\n"};
 constexpr char kServe[] = "serve {port} --cert srv --ca root --once";
+constexpr char kConnectDev[] = "connect 127.0.0.1:{port} --cert dev --ca root";
 
 struct Case {
   const char* label;
@@ -68,17 +65,16 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 const Case kCases[] = {
     {"gnutls_server_trusts_our_chain_tls12", kGnutlsCert,
      "--x509cafile {in}/root.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.2",
-     "Status: The certificate is trusted", "connect 127.0.0.1:{port} --cert dev --ca root", 0,
-     "verification:  ok"},
+     "Status: The certificate is trusted", kConnectDev, 0, "verification:  ok"},
     {"gnutls_server_trusts_our_chain_tls13", kGnutlsCert,
      "--x509cafile {in}/root.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.3",
-     "Status: The certificate is trusted", "connect 127.0.0.1:{port} --cert dev --ca root", 0, "TLSv1.3"},
+     "Status: The certificate is trusted", kConnectDev, 0, "TLSv1.3"},
     {"gnutls_server_rejects_our_certificate_tls12", kGnutlsCert,
      "--x509cafile {in}/other.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.2", "Error in handshake",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "the server sent alert"},
+     kConnectDev, 1, "the server sent alert"},
     {"gnutls_server_rejects_our_certificate_after_tls13_handshake", kGnutlsCert,
      "--x509cafile {in}/other.pem --priority NORMAL:-VERS-ALL:+VERS-TLS1.3", "Error in handshake",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 1, "refused our client certificate after"},
+     kConnectDev, 1, "refused our client certificate after"},
     {"server_certificate_without_our_ip_refused", kGnutlsCert, "--x509cafile {in}/root.pem",
      "Error in handshake", "connect 127.0.0.2:{port} --cert dev --ca root", 1, "IP address mismatch"},
     {"gnutls_psk_identity_chosen_over_hint_tls12", kGnutlsPsk, "--pskhint broker-hint", "Connected as 'beta'",
@@ -90,7 +86,7 @@ const Case kCases[] = {
     {"gnutls_psk_tls13", kGnutlsPsk, "", "Connected as 'beta'",
      "connect 127.0.0.1:{port} --psk tab --psk-identity beta --tls1.3", 0, "TLSv1.3"},
     {"mosquitto_certificate_listener_accepts_our_chain", kMosquittoCert, "", "closed its connection",
-     "connect 127.0.0.1:{port} --cert dev --ca root", 0, "verification:  ok"},
+     kConnectDev, 0, "verification:  ok"},
     {"mosquitto_refusal_seen_after_tls13_handshake", kMosquittoCert, "", "peer did not return a certificate",
      "connect 127.0.0.1:{port} --ca root --tls1.3", 1, "alert 'certificate required'"},
     {"mosquitto_psk_listener_with_hint_tls12", kMosquittoPsk, "", "closed its connection",

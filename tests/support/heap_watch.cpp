@@ -27,6 +27,7 @@ struct State {
   std::unordered_map<const void*, bool> live;  // block: allocated while secrets are watched
   std::vector<std::string> secrets;
   int own_secret_releases = 0, openssl_secret_releases = 0;
+  std::pair<size_t, size_t> refused_calloc{0, 0};
 };
 State& state() {
   static auto* s = new State;  // intended: outlives every static destructor that frees
@@ -62,10 +63,7 @@ bool forget(void* p) {
 }
 
 void releasing(void* p, bool by_openssl) {
-  if (p == nullptr) {
-    return;
-  }
-  if (!forget(p)) {
+  if (p == nullptr || !forget(p)) {
     return;
   }
   State& s = state();
@@ -111,11 +109,29 @@ bool is_live(const void* block) {
   return state().live.count(block) != 0;
 }
 
+void refuse_next_calloc(size_t n, size_t size) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  state().refused_calloc = {n, size};
+}
+
+namespace {
+bool refused(size_t n, size_t size) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  if (n == 0 || state().refused_calloc != std::make_pair(n, size)) {
+    return false;
+  }
+  state().refused_calloc = {0, 0};
+  return true;
+}
+}  // namespace
+
 }  // namespace kora::test::heap
 
 extern "C" {
 void* __wrap_malloc(size_t n) { return kora::test::heap::added(__real_malloc(n)); }
-void* __wrap_calloc(size_t n, size_t size) { return kora::test::heap::added(__real_calloc(n, size)); }
+void* __wrap_calloc(size_t n, size_t size) {
+  return kora::test::heap::refused(n, size) ? nullptr : kora::test::heap::added(__real_calloc(n, size));
+}
 void* __wrap_realloc(void* p, size_t n) {
   const size_t kept = p != nullptr ? malloc_usable_size(p) : 0;
   void* moved = __real_realloc(p, n);

@@ -19,5 +19,7 @@ int secret_releases(bool only_own = false);
 // Blocks handed out by the product's malloc/calloc/realloc or OpenSSL's allocator, not released.
 long live_blocks();
 bool is_live(const void* block);
+// The product's next calloc(n, size) with exactly these arguments returns null.
+void refuse_next_calloc(size_t n, size_t size);
 
 }  // namespace kora::test::heap

@@ -26,10 +26,8 @@ std::vector<LoggedMessage> LogCapture::messages() const {
 }
 
 std::vector<std::string> LogCapture::texts() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::string> out;
-  out.reserve(messages_.size());
-  for (const auto& m : messages_) {
+  for (const auto& m : messages()) {
     out.push_back(m.text);
   }
   return out;

@@ -1,6 +1,5 @@
 #include "private_root.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -11,6 +10,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace kora::test {
@@ -21,54 +22,32 @@ std::string errno_text(const std::string& what) { return what + ": " + std::stre
 // Builds a new root in `staging` (a tmpfs): every top-level entry of the host root is
 // bind-mounted or re-linked there, and "data" is a directory of the tmpfs itself.
 std::string build_root(const std::string& staging) {
-  DIR* dir = opendir("/");
-  if (dir == nullptr) {
-    return errno_text("opendir /");
-  }
-  std::string failure;
-  while (dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == ".." || name == "data") {
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/", ec)) {
+    const std::string source = entry.path(), target = staging + source;
+    if (source == "/data") {
       continue;
     }
-    const std::string source = "/" + name;
-    const std::string target = staging + "/" + name;
-    if (source == staging.substr(0, source.size()) &&
-        (staging.size() == source.size() || staging[source.size()] == '/')) {
-      // The staging area lives under this entry: keep an empty directory in its place.
-      mkdir(target.c_str(), 0755);
-      continue;
-    }
-    struct stat st {};
-    if (lstat(source.c_str(), &st) != 0) {
-      continue;
-    }
-    if (S_ISLNK(st.st_mode)) {
-      char link[PATH_MAX];
-      const ssize_t n = readlink(source.c_str(), link, sizeof link - 1);
-      if (n >= 0) {
-        link[n] = '\0';
-        if (symlink(link, target.c_str()) != 0) {
-          failure = errno_text("symlink " + target);
-        }
-      }
-      continue;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      mkdir(target.c_str(), 0755);
+    if (staging == source || staging.rfind(source + "/", 0) == 0) {
+      mkdir(target.c_str(), 0755);  // the staging area lives under this entry: keep an empty directory
+    } else if (entry.is_symlink(ec)) {
+      std::filesystem::copy_symlink(source, target, ec);
     } else {
-      const int fd = open(target.c_str(), O_CREAT | O_WRONLY, 0644);
-      if (fd >= 0) {
-        close(fd);
+      if (entry.is_directory(ec)) {
+        mkdir(target.c_str(), 0755);
+      } else {
+        std::ofstream(target).close();  // a file to bind over
+      }
+      if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        return errno_text("bind " + source);
       }
     }
-    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-      failure = errno_text("bind " + source);
+    if (ec) {
+      return source + ": " + ec.message();
     }
   }
-  closedir(dir);
-  if (!failure.empty()) {
-    return failure;
+  if (ec) {
+    return "list /: " + ec.message();
   }
   if (mkdir((staging + "/data").c_str(), 0755) != 0) {
     return errno_text("mkdir data");

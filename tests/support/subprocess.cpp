@@ -2,10 +2,10 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,48 +15,39 @@
 #include <cstdio>
 #include <cstring>
 
-extern char** environ;
-
 namespace kora::test {
 
 std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& argv, std::string* why,
                                               const std::string& err_path) {
-  int in[2], out[2];
-  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+  int out[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) {
     *why = "pipe";
-    return nullptr;  // a descriptor may leak here; the test fails anyway
+    return nullptr;
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  if (err_path.empty()) {
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-  }
+  const int err =
+      err_path.empty() ? out[1] : ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   std::vector<char*> args;
   for (const auto& a : argv) {
     args.push_back(const_cast<char*>(a.c_str()));
   }
   args.push_back(nullptr);
-  // A group of its own, so that killing it also ends what it started (a peer under "timeout").
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-  posix_spawnattr_setpgroup(&attr, 0);
   std::unique_ptr<Subprocess> child(new Subprocess);
-  const int rc = ::posix_spawnp(&child->pid_, args[0], &actions, &attr, args.data(), environ);
-  posix_spawnattr_destroy(&attr);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(in[0]);
+  GError* error = nullptr;
+  // A group of its own, so that killing it also ends what it started (a peer under "timeout").
+  const bool started = g_spawn_async_with_pipes_and_fds(
+      nullptr, args.data(), nullptr,
+      static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+      [](gpointer) { ::setpgid(0, 0); }, nullptr, -1, out[1], err, nullptr, nullptr, 0, &child->pid_,
+      &child->in_, nullptr, nullptr, &error);
   ::close(out[1]);
-  child->in_ = in[1];
+  if (err != out[1] && err >= 0) {
+    ::close(err);
+  }
   child->out_ = out[0];
-  child->reaped_ = rc != 0;
-  if (rc != 0) {
-    *why = "spawn " + argv[0] + ": " + std::strerror(rc);
+  child->reaped_ = !started;
+  if (!started) {
+    *why = "spawn " + argv[0] + ": " + error->message;
+    g_error_free(error);
     return nullptr;
   }
   return child;

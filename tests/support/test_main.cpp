@@ -2,6 +2,7 @@
 // fresh tmpfs under /data, so nothing a test does reaches the host's tree.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -10,12 +11,9 @@
 #include "private_root.h"
 
 int main(int argc, char** argv) {
-  bool listing = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--gtest_list_tests", 18) == 0) {
-      listing = true;
-    }
-  }
+  const bool listing = std::any_of(argv + 1, argv + argc, [](const char* arg) {
+    return std::strncmp(arg, "--gtest_list_tests", 18) == 0;
+  });
   if (!listing) {
     const std::string why = kora::test::enter_private_store_root();
     if (!why.empty()) {

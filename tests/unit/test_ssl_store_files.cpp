@@ -102,12 +102,18 @@ TEST(Files, BoundSessionFilesRemovedByPrefix) {
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/sessions"));
   // A 254-byte name (the longest JFFS2 allows) whose full path is cut at 256 bytes: not reached.
   const std::string l245(245, 'l');
-  const std::vector<std::string> removed = {"abc_1.session", "abc_1.timestamp", "abc_def_7.session"};
-  const std::vector<std::string> kept = {"abc_x.der", "abcd_1.session", "abc.session", l245 + "_.session"};
+  // A name of 65536 + 247 bytes counts as 247 in 16 bits: its 255-byte file is one byte short of
+  // the bound, so it is passed over and the 224-byte name its cut path would unlink stays.
+  std::string wrapped = std::string(247, 'w') + ".session";
+  wrapped.resize(65536 + 247, 'w');
+  const std::vector<std::string> removed = {"abc_.session", "abc_1.timestamp", "abc_def_7.session"};
+  const std::vector<std::string> kept = {"abc_xyzuvw.der",   "abcd_1.session",       "abc.session",
+                                         l245 + "_.session", wrapped.substr(0, 255), std::string(224, 'w')};
   for (const auto& name : removed) spill(kSessions + name, "s");
   for (const auto& name : kept) spill(kSessions + name, "s");
-  ssl_store_delete_binded_session_files("abc", KORA_NET_SSL_CERTIFICATE_E);
-  ssl_store_delete_binded_session_files(l245.c_str(), KORA_NET_SSL_CERTIFICATE_E);
+  for (const auto& name : {std::string("abc"), l245, wrapped}) {
+    ssl_store_delete_binded_session_files(name.c_str(), KORA_NET_SSL_CERTIFICATE_E);
+  }
   for (const auto& name : removed) EXPECT_FALSE(exists(kSessions + name)) << name;
   for (const auto& name : kept) EXPECT_TRUE(exists(kSessions + name)) << name;
 }

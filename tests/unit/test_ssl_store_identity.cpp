@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "fakes.h"
+#include "heap_watch.h"
 #include "kora_certgen.h"
 #include "loading_fixture.h"
 #include "log_capture.h"
@@ -65,9 +66,11 @@ TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   certgen::CertSpec spec;
   spec.subject = {{row.file == 2 ? "O" : "CN", "dev"}};
   const auto cred = certgen::make_self_signed(spec);
+  const std::string stored = row.file == 2 ? bytes_of(cred.cert_der()) : cred.cert_pem();
   if (row.file != 0) {
-    put("di", KORA_NET_SSL_DI_CERT_E, row.file == 2 ? bytes_of(cred.cert_der()) : cred.cert_pem());
+    put("di", KORA_NET_SSL_DI_CERT_E, stored);
   }
+  heap::watch_secrets({stored.substr(stored.size() / 2, 32)});
   kora_Net_SSL_Identifier_t ref, before;
   std::memset(&ref, 0x5A, sizeof ref);
   before = ref;
@@ -79,6 +82,7 @@ TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   EXPECT_EQ(std::memcmp(&ref, &before, sizeof ref), 0) << "caller's record written";
   auto* attached = static_cast<X509*>(SSL_CTX_get_ex_data(ctx_, SSL_DI_CERT_EX_DATA_INDEX));
   EXPECT_EQ(attached != nullptr && X509_cmp(attached, cred.cert.get()) == 0, row.attached);
+  EXPECT_EQ(heap::secret_releases(true), row.attached ? 1 : 0) << "the read certificate was not released";
 }
 
 const char* const kBadHandle =
@@ -97,6 +101,7 @@ TEST_F(LoadingTest, SecondIdentityReplacesAttachedCertificate) {
   put("a", KORA_NET_SSL_DI_CERT_E, first.cert_pem());
   put("b", KORA_NET_SSL_DI_CERT_E, second.cert_pem());
   kora_Net_SSL_Identifier_t ref{};
+  EXPECT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, std::string(64, 'n').c_str()), -1);  // no path for it
   ASSERT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, "a"), 0);
   auto* kept = static_cast<X509*>(SSL_CTX_get_ex_data(ctx_, SSL_DI_CERT_EX_DATA_INDEX));
   ASSERT_EQ(SSL_cert_load_get_identifier(hdl_, &ref, "b"), 0);

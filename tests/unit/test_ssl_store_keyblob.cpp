@@ -7,6 +7,7 @@
 
 #include "fakes.h"
 #include "file_bytes.h"
+#include "heap_watch.h"
 #include "log_capture.h"
 #include "ssl_store.h"
 #include "ssl_store_internal.h"
@@ -37,8 +38,7 @@ TEST_F(Keyblob, FirstStartGeneratesAndStoresBothOnce) {
   EXPECT_EQ(std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), slurp(kNoncePath));
   log_.clear();
   ASSERT_EQ(0, provide());  // already in memory: nothing is written again
-  EXPECT_EQ((std::vector<std::string>{kSuccess}), log_.texts());
-  EXPECT_EQ(2u, fake::put_calls.size());
+  EXPECT_TRUE(log_.texts() == std::vector<std::string>{kSuccess} && fake::put_calls.size() == 2u);
 }
 
 TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
@@ -46,8 +46,8 @@ TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
   std::ofstream(kNoncePath) << std::string(40, 'n');
   ASSERT_EQ(0, provide());
   EXPECT_EQ("blob", std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len));
-  EXPECT_EQ(std::string(40, 'n'), std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 40));
-  EXPECT_EQ(0, fake::generate_calls);
+  EXPECT_TRUE(std::string(40, 'n') == std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 40) &&
+              fake::generate_calls == 0);
 }
 
 // A null blob from the service counts as success with no nonce and no files.
@@ -59,9 +59,10 @@ TEST_F(Keyblob, NullBlobIsSuccess) {
 
 struct FailureRow {
   const char* label;
-  int inject;  // 0 generate, 1/2 the n-th put, 3 blob file without nonce file
+  int inject;  // 0 generate, 1/2 the n-th put, 3 blob file without nonce file, 4 no memory for the nonce
   std::string message;
   bool blob_file;  // takey.blob on disk afterwards
+  int status = -1;
 };
 std::ostream& operator<<(std::ostream& os, const FailureRow& r) { return os << r.label; }
 
@@ -73,12 +74,16 @@ TEST_P(KeyblobFailure, ReportsAndCleansUp) {
   fake::fail_put_on_call = row.inject == 1 || row.inject == 2 ? row.inject : 0;
   if (row.inject == 3) {
     std::ofstream(kBlobPath) << "blob";
+  } else if (row.inject == 4) {
+    kora::test::heap::refuse_next_calloc(12, 1);
   }
-  EXPECT_EQ(-1, provide());
+  EXPECT_EQ(row.status, provide());
   EXPECT_TRUE(log_.has(row.message, kora::test::kError)) << row.message;
   EXPECT_EQ(row.blob_file, access(kBlobPath.c_str(), F_OK) == 0);
   EXPECT_NE(0, access(kNoncePath.c_str(), F_OK));
-  EXPECT_TRUE(gp_tz_keyblob == nullptr && g_keyblob_len == 0 && gp_ta_nonceBuf == nullptr);
+  const uint8_t *blob = nullptr, *nonce = nullptr;
+  EXPECT_TRUE(gp_tz_keyblob == nullptr && g_keyblob_len == 0 && gp_ta_nonceBuf == nullptr &&
+              !ssl_store_key_material(&blob, &g_keyblob_len, &nonce));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -87,6 +92,7 @@ INSTANTIATE_TEST_SUITE_P(
                     FailureRow{"BlobPutFails", 1, "SSL_cert_store: Unable to store Key blob into EFS", false},
                     FailureRow{"NoncePutFails", 2, "SSL_cert_store: Unable to store nonce into EFS", true},
                     FailureRow{"NonceFileMissing", 3, "SSL_cert_store: Reading nonce from EFS failed failed!",
-                               true}));
+                               true},
+                    FailureRow{"NonceNoMemory", 4, "Allocating memory for nonce buffer failed!", false, -3}));
 
 }  // namespace

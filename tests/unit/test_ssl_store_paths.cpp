@@ -39,8 +39,7 @@ TEST_P(CertPath, ResolvesOrRefuses) {
   EXPECT_EQ(c.path.empty() ? "untouched" : c.path, buffer);
   // The kind's directory: null exactly for the resolver's invalid type, else the path's start.
   const char* dir = ssl_store_kind_dir(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.key);
-  EXPECT_EQ(c.rc == -2, dir == nullptr);
-  EXPECT_TRUE(c.path.empty() || c.path.rfind(dir, 0) == 0) << c.path;
+  EXPECT_TRUE((c.rc == -2) == (dir == nullptr) && (c.path.empty() || c.path.rfind(dir, 0) == 0)) << c.path;
   ASSERT_EQ(c.message != nullptr ? 1u : 0u, log.messages().size());
   if (c.message != nullptr) {
     const auto m = log.messages()[0];
@@ -73,8 +72,11 @@ TEST(Paths, SessionPathAndExistenceChecks) {
   ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/certs /data/data_velto/.ssl/private_keys"));
   std::fclose(std::fopen((kCerts + "dev").c_str(), "w"));
   std::fclose(std::fopen("/data/data_velto/.ssl/private_keys/keyonly", "w"));
-  EXPECT_EQ(1, fileExists((kCerts + "dev").c_str()));
-  EXPECT_TRUE(log.has("Successfully opened the file in read mode\n", kHigh));
+  EXPECT_EQ(std::make_tuple(1, 0, -1),
+            std::make_tuple(fileExists((kCerts + "dev").c_str()), fileExists((kCerts + "none").c_str()),
+                            fileExists(nullptr)));
+  EXPECT_TRUE(log.has("Successfully opened the file in read mode\n", kHigh) &&
+              log.has("File name is NULL\n", kError));
   EXPECT_EQ(0, Is_SSL_cert_file_exist("dev", KORA_NET_SSL_CERTIFICATE_E));
   // A bad type is -1 here, not the resolver's -2; private keys are never looked for.
   EXPECT_EQ(-1, Is_SSL_cert_file_exist("dev", static_cast<kora_Net_SSL_Cert_Type_t>(9)));

@@ -24,8 +24,8 @@ TEST(PemTest, ConvertsLikeOpenSslPemWriterIgnoringTrailingBytes) {
   LogCapture log;
   ASSERT_EQ(SSL_cert_der_2_pem(der.data(), static_cast<int>(der.size()), &pem, &pem_size), 1);
   ASSERT_EQ(pem_size, static_cast<int>(expected.size()));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(pem), expected.size()), expected);
-  EXPECT_TRUE(log.messages().empty());
+  EXPECT_TRUE(std::string(reinterpret_cast<char*>(pem), expected.size()) == expected &&
+              log.messages().empty());
   std::free(pem);
 }
 
@@ -52,10 +52,8 @@ TEST(PemTest, RefusedInputsLeaveOutputsUntouched) {
     EXPECT_EQ(SSL_cert_der_2_pem(c.input, c.size, &pem, c.pem_size), c.expected) << c.size;
     EXPECT_TRUE(pem == &sentinel && pem_size == -7);
     ASSERT_EQ(log.messages().size() >= 2, c.expected == 0) << "no OpenSSL reason after the message";
-    if (c.expected == 0) {
-      EXPECT_TRUE(log.has("Inpuf certificate is not DER format, due to:\n    ", kHigh));
-      EXPECT_EQ(log.messages()[0].text, "Inpuf certificate is not DER format, due to:\n    ");
-    }
+    const char* const not_der = "Inpuf certificate is not DER format, due to:\n    ";
+    EXPECT_TRUE(c.expected != 0 || (log.messages()[0].text == not_der && log.has(not_der, kHigh)));
   }
 }
 

@@ -70,17 +70,18 @@ TEST_F(StorageTest, PskEntriesThatOutgrowTheirText) {
 }
 
 TEST_F(StorageTest, PskStoreFailureAndMissingArguments) {
-  EXPECT_EQ(parse("a:01", std::string(64, 'n').c_str()), -1);
-  EXPECT_TRUE(store_lock_is_free());
+  EXPECT_TRUE(parse("a:01", std::string(64, 'n').c_str()) == -1 && store_lock_is_free());
   std::string text = "a:01";
-  kora_Net_SSL_PSK_Table_t good{4, reinterpret_cast<uint8_t*>(text.data())}, empty = good;
+  kora_Net_SSL_PSK_Table_t good{4, reinterpret_cast<uint8_t*>(text.data())}, empty = good, no_text = good;
   empty.psk_Size = 0;
-  for (const auto& [table, out_file] :
-       {std::pair{&good, static_cast<const char*>(nullptr)}, {&empty, "tbl"}}) {
+  no_text.psk_Buf = nullptr;
+  for (const auto& [table, out_file] : {std::pair{&good, static_cast<const char*>(nullptr)},
+                                        {&empty, "tbl"},
+                                        {&no_text, "tbl"},
+                                        {nullptr, "tbl"}}) {
     LogCapture log;
     EXPECT_EQ(ssl_parse_and_store_psktable(table, reinterpret_cast<const uint8_t*>(out_file)), -2);
-    EXPECT_EQ(log.texts(), std::vector<std::string>{"Invalid input parameters!"});
-    EXPECT_TRUE(log.has("Invalid input parameters!", kError));
+    EXPECT_TRUE(log.texts().size() == 1 && log.has("Invalid input parameters!", kError));
   }
   EXPECT_FALSE(exists(kTablePath));
 }

@@ -87,8 +87,15 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   install({{"two", two_key}});
   EXPECT_EQ(heap::secret_releases(), 1) << "the replaced table was not released";
   EXPECT_EQ(call("two", 16, 16), 2u);
+  const long live = heap::live_blocks();
+  const ssl_psk_identity_fn skip = [](const uint8_t*, size_t, void*) {};
+  EXPECT_TRUE(SSL_psk_table_identities("t", skip, nullptr) == 1 && heap::live_blocks() == live &&
+              SSL_psk_table_identities("t", nullptr, nullptr) == -2)
+      << "the table read for its identities was not released, or no callback was refused";
   const char* before = record().psk_identify_key;
   LogCapture log;
+  EXPECT_TRUE(psk_client_cb(SslPtr(SSL_new(ctx_)).get(), "two", identity_.data(), 16, nullptr, 16) == 0 &&
+              log.has("PSK is NULL\n", kError));
   EXPECT_EQ(SSL_psk_table_load(hdl_, "/data/data_velto/.ssl/psk_table/absent", 256), -1);
   EXPECT_TRUE(log.has("ERROR: Reading psk info from cert loc failed!! \r\n", kError));
   EXPECT_EQ(record().psk_identify_key, before);

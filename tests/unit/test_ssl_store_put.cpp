@@ -31,8 +31,7 @@ TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
   }
   write_plain(kSessions + "dev_1.session");
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "v2", 2, false), 0);
-  EXPECT_EQ(read_stored(kCerts + "dev"), "v2");
-  EXPECT_TRUE(exists(kSessions + "dev_1.session"));
+  EXPECT_TRUE(read_stored(kCerts + "dev") == "v2" && exists(kSessions + "dev_1.session"));
 }
 
 // Removal of "dev": dev's session files always go, other credentials' files always stay. For a
@@ -83,8 +82,7 @@ TEST_F(StorageTest, StoreRefusesArgumentsBeforeTakingTheLock) {
   for (const auto& [name, type, expected, message] : cases) {
     LogCapture log;
     EXPECT_EQ(SSL_cert_store(name, kind(type), "abc", 3, false), expected) << message;
-    EXPECT_TRUE(log.has(message, kError)) << message;
-    EXPECT_TRUE(store_lock_is_free());
+    EXPECT_TRUE(log.has(message, kError) && store_lock_is_free()) << message;
   }
 }
 
@@ -95,11 +93,10 @@ TEST_F(StorageTest, FailedWriteLeavesTheLockHeld) {
   ASSERT_EQ(remount_read_only(kCerts), "");
   LogCapture log;
   EXPECT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "abc", 3, false), -1);
-  EXPECT_TRUE(log.has("Error in opening " + kCerts + "dev\n", kError));
-  EXPECT_TRUE(log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError));
-  EXPECT_TRUE(log.has("Failed to write cert file to file location\n", kError));
-  EXPECT_FALSE(exists(kCerts + "dev"));
-  EXPECT_FALSE(store_lock_is_free());
+  EXPECT_TRUE(log.has("Error in opening " + kCerts + "dev\n", kError) &&
+              log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
+              log.has("Failed to write cert file to file location\n", kError));
+  EXPECT_FALSE(exists(kCerts + "dev") || store_lock_is_free());
   lock_held_on_purpose_ = true;
 }
 

@@ -19,8 +19,8 @@ const char* const kPath = "/data/data_velto/.ssl/certs/dev";
 struct Fault {
   const char* label;
   Crypt mode;
-  int file;         // 0: write to kPath, 1: write into a missing directory, 2: read a zero-byte file, 3: read
-  std::string out;  // printed on standard output, not logged
+  int file;  // 0/1: write to kPath/into a missing directory; read 2: a zero-byte file, 3: kPath, 4: null
+  std::string out;   // printed on standard output, not logged
   std::string text;  // the last message logged
 };
 std::ostream& operator<<(std::ostream& os, const Fault& r) { return os << r.label; }
@@ -39,13 +39,13 @@ TEST_P(SealFault, ReportsAndCleansUp) {
   testing::internal::CaptureStdout();
   void* buffer = f.file == 2 ? std::malloc(16) : nullptr;  // from an earlier call
   size_t size = 16;
-  const char* target = f.file == 1 ? "/data/data_velto/missing/dev" : kPath;
+  const char* target = f.file == 1 ? "/data/data_velto/missing/dev" : f.file == 4 ? nullptr : kPath;
   const long live = kora::test::heap::live_blocks() - (f.file == 2);  // the earlier buffer goes
-  EXPECT_EQ(-1, f.file >= 2 ? ssl_store_cert_read_decrypt_from_file(kPath, &buffer, &size)
+  EXPECT_EQ(-1, f.file >= 2 ? ssl_store_cert_read_decrypt_from_file(target, &buffer, &size)
                             : ssl_store_cert_write_encrypt_to_file(target, "plain", 5));
   EXPECT_EQ(f.out, testing::internal::GetCapturedStdout());
   EXPECT_EQ(f.text, log.texts().empty() ? "" : log.texts().back());
-  EXPECT_TRUE(f.file < 2 || (buffer == nullptr && size == 0));
+  EXPECT_TRUE(f.file < 2 || (buffer == nullptr && size == (f.file == 4 ? 16u : 0u)));
   EXPECT_TRUE(f.file >= 2 || std::ifstream(kPath).peek() == EOF);
   EXPECT_EQ(kora::test::heap::live_blocks(), live) << "a sealed or unsealed buffer leaked";
 }
@@ -63,6 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Fault{"UnsealFails", Crypt::kFail, 3, "",
                           "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n"},
                     Fault{"NoPlainBytes", Crypt::kNoOutput, 3, "",
-                          "SSL_cert_store:  Certificate decryption buffer is empty !\n"}));
+                          "SSL_cert_store:  Certificate decryption buffer is empty !\n"},
+                    Fault{"NullName", Crypt::kOk, 4, "", "Invalid parameters\n"}));
 
 }  // namespace
