@@ -113,6 +113,8 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_STREQ(first.info.peer_alert, "") << "an alert noted where the peer sent none";
   ASSERT_EQ(first.save_rc, 0);
   EXPECT_EQ(first.saved, kSession1);
+  namespace fs = std::filesystem;
+  EXPECT_EQ(fs::status(kTimestamp1).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_NE(slurp(kSession1).substr(0, 1), "\x30")
       << "the session (and its master secret) stored in the clear";
   session_store_t rec{};
