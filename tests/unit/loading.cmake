@@ -1,6 +1,6 @@
 # Loading credentials onto SSL objects on the real store, host services and object layer; the
 # identity test records every release of the host mutex shim to see the double release.
-foreach(area load ca psk_load)
+foreach(area load psk_load)
   kora_add_gtest(test_ssl_store_${area} SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_${area}.cpp
     LIBS ${KORA_STORE_HOST_LIBS} kora_certgen LABELS loading)
 endforeach()

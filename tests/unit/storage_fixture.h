@@ -25,6 +25,14 @@ inline const std::string kStoreRoot = "/data/data_velto/.ssl/";
 inline const std::string kCerts = kStoreRoot + "certs/", kCaLists = kStoreRoot + "ca_lists/";
 inline const std::string kPskTables = kStoreRoot + "psk_table/", kSessions = kStoreRoot + "sessions/";
 
+// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
+inline bool store_lock_is_free() {
+  pthread_mutex_lock(&ssl_mutex.guard);
+  const bool free = ssl_mutex.held == 0;
+  pthread_mutex_unlock(&ssl_mutex.guard);
+  return free;
+}
+
 class StorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -35,9 +43,8 @@ class StorageTest : public ::testing::Test {
   // Every store call of the case has returned: ssl_mutex is free unless the case made a call
   // that keeps it held.
   void TearDown() override {
-    EXPECT_TRUE(lock_held_on_purpose_ || lock_is_free()) << "a store call returned with ssl_mutex held";
+    EXPECT_TRUE(lock_held_on_purpose_ || store_lock_is_free()) << "a store call returned with ssl_mutex held";
   }
-  static bool lock_is_free();
   bool lock_held_on_purpose_ = false;
 };
 
@@ -78,14 +85,5 @@ inline std::string psk_table(const std::vector<std::pair<std::string, std::strin
   }
   return t;
 }
-
-// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
-inline bool store_lock_is_free() {
-  pthread_mutex_lock(&ssl_mutex.guard);
-  const bool free = ssl_mutex.held == 0;
-  pthread_mutex_unlock(&ssl_mutex.guard);
-  return free;
-}
-inline bool StorageTest::lock_is_free() { return store_lock_is_free(); }
 
 }  // namespace kora::test
