@@ -77,9 +77,11 @@ INSTANTIATE_TEST_SUITE_P(
           {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
            "created identity 'ABCDE'\n"})));
 
-// The replaced table goes back unwiped (kept as shipped); reading and the callback leave no key.
-TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
+// The replaced table goes back unwiped (kept as shipped); reading, the callback and freeing the
+// object leave no key.
+TEST_F(PskTest, SecondLoadReplacesTableMissingFileKeepsItFreeWipesIt) {
   const std::string one_key = "0f1e2d3c4b5a69788796a5b4c3d2e1f0", two_key = "22";
+  ASSERT_TRUE(heap::watching());
   heap::watch_secrets({one_key});
   install({{"one", one_key}});
   EXPECT_EQ(call("one", 16, 64), 32u);
@@ -87,7 +89,7 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   install({{"two", two_key}});
   EXPECT_EQ(heap::secret_releases(), 1) << "the replaced table was not released";
   EXPECT_EQ(call("two", 16, 16), 2u);
-  const long live = heap::live_blocks();
+  long live = heap::live_blocks();
   const ssl_psk_identity_fn skip = [](const uint8_t*, size_t, void*) {};
   EXPECT_TRUE(SSL_psk_table_identities("t", skip, nullptr) == 1 && heap::live_blocks() == live &&
               SSL_psk_table_identities("t", nullptr, nullptr) == -2)
@@ -101,15 +103,11 @@ TEST_F(PskTest, SecondLoadReplacesTableAndMissingFileKeepsIt) {
   EXPECT_EQ(record().psk_identify_key, before);
   EXPECT_EQ(SSL_psk_table_load(hdl_, nullptr, 256), -2);
   EXPECT_TRUE(log.has("Filepath for PSK is set NULL\n", kError));
-}
-
-// The table holds keys: freeing the object hands it back wiped.
-TEST_F(PskTest, FreedObjectReleasesItsTableWiped) {
-  ASSERT_TRUE(heap::watching());
+  // The table holds keys: freeing the object hands it back wiped.
   const std::string key = "00112233445566778899aabbccddeeff";
   heap::watch_secrets({key});
   install({{"id", key}});
-  const long live = heap::live_blocks();
+  live = heap::live_blocks();
   ASSERT_EQ(ssl_obj_free(hdl_), 0);
   hdl_ = 0;
   EXPECT_EQ(heap::secret_releases(), 0) << "the PSK table was freed without being wiped";
