@@ -1,10 +1,11 @@
-// Loading tests: the initialised store of the storage tests plus one client SSL object, and
-// the SSL object layer's record of that object.
+// Loading tests: the initialised store of the storage tests plus one client SSL object, the SSL
+// object layer's record of that object, and the certificate factory that makes what is loaded.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "kora_certgen.h"
 #include "ossl_ptr.h"
 #include "storage_fixture.h"
 

@@ -1,5 +1,6 @@
 // Store tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file, the stored form of a PSK table and the state of ssl_mutex.
+// a stored file, the stored form of a PSK table and the state of ssl_mutex; the log capture and
+// heap watch every store test uses come with it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "heap_watch.h"
 #include "kora_net_ssl.h"
 #include "log_capture.h"
 #include "ssl_store.h"
@@ -78,7 +80,8 @@ inline std::string be16(size_t n) {
 
 // The stored form of (identity, key bytes) entries: header with the big-endian count (kept
 // modulo 65536), then the entries.
-inline std::string psk_table(const std::vector<std::pair<std::string, std::string>>& entries) {
+using PskEntries = std::vector<std::pair<std::string, std::string>>;
+inline std::string psk_table(const PskEntries& entries) {
   std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
   for (const auto& [identity, key] : entries) {
     t += be16(identity.size()) + identity + be16(key.size()) + key;

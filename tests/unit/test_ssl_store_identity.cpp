@@ -1,14 +1,9 @@
 #include <openssl/x509v3.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "fakes.h"
-#include "heap_watch.h"
-#include "kora_certgen.h"
 #include "loading_fixture.h"
-#include "log_capture.h"
 #include "ssl_store_identity.h"
 
 namespace kora::test {

@@ -3,13 +3,9 @@
 #include <openssl/x509_vfy.h>
 #include <unistd.h>
 
-#include <string>
 #include <tuple>
 
-#include "heap_watch.h"
-#include "kora_certgen.h"
 #include "loading_fixture.h"
-#include "log_capture.h"
 
 namespace kora::test {
 namespace {

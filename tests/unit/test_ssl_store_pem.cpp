@@ -3,8 +3,6 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
-#include <vector>
-
 #include "kora_certgen.h"
 #include "storage_fixture.h"
 

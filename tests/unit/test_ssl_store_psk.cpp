@@ -1,15 +1,12 @@
 // PSK text tables turned into the stored binary table: the stored bytes read back through the
 // sealing layer, malformed texts, the tables kept although -1 is returned, size limits, and the
 // work buffer's bounds.
-#include <utility>
-#include <vector>
 
 #include "storage_fixture.h"
 
 namespace kora::test {
 
 const std::string kTablePath = kPskTables + "tbl";
-using Entries = std::vector<std::pair<std::string, std::string>>;
 
 int32_t parse(const std::string& text, const char* name = "tbl") {
   kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
@@ -65,7 +62,7 @@ TEST_F(StorageTest, PskEntriesThatOutgrowTheirText) {
       text += "a:00\n";
     }
     EXPECT_EQ(parse(text), 0);
-    EXPECT_EQ(read_stored(kTablePath), psk_table(Entries(count, {"a", std::string(1, '\0')}))) << count;
+    EXPECT_EQ(read_stored(kTablePath), psk_table(PskEntries(count, {"a", std::string(1, '\0')}))) << count;
   }
 }
 

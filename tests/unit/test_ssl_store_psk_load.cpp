@@ -1,21 +1,13 @@
 #include <openssl/ssl.h>
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "heap_watch.h"
 #include "loading_fixture.h"
-#include "log_capture.h"
 
 namespace kora::test {
 namespace {
 
-using Table = std::vector<std::pair<std::string, std::string>>;
-
 class PskTest : public LoadingTest {
  protected:
-  void install(const Table& table) {
+  void install(const PskEntries& table) {
     put("t", KORA_NET_SSL_PSK_TABLE_E, psk_table(table));
     ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "t"), 0);
   }
@@ -32,7 +24,7 @@ class PskTest : public LoadingTest {
 
 struct WalkRow {
   const char* label;
-  Table table;
+  PskEntries table;
   const char* hint;
   unsigned max_id, max_psk, result;
   std::string identity, key;      // identity buffer (up to its first zero) and key returned
@@ -57,7 +49,7 @@ TEST_P(Walk, ChoosesEntryAndLogs) {
 }
 
 const std::string kKey256(256, 'K');
-WalkRow W(const char* label, Table table, const char* hint, unsigned max_id, unsigned max_psk,
+WalkRow W(const char* label, PskEntries table, const char* hint, unsigned max_id, unsigned max_psk,
           unsigned result, const char* identity, std::string key, std::vector<std::string> logs) {
   return {label, std::move(table), hint, max_id, max_psk, result, identity, std::move(key), std::move(logs)};
 }

@@ -2,7 +2,6 @@
 // its result codes, and the lock a failed store leaves held.
 #include <tuple>
 
-#include "heap_watch.h"
 #include "private_root.h"
 #include "storage_fixture.h"
 
