@@ -22,7 +22,7 @@ const std::string kDir = "/data/data_velto/", kSessions = "/data/data_velto/.ssl
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-TEST(Files, ReadWholeFileOrLeaveOutputsAlone) {
+TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneAndDeleteRemoves) {
   kora::test::LogCapture log;
   for (const std::string& bytes : {std::string(), std::string("a\0b", 3)}) {
     spill(kDir + "f", bytes);
@@ -39,6 +39,20 @@ TEST(Files, ReadWholeFileOrLeaveOutputsAlone) {
   EXPECT_TRUE(
       log.has("ssl_store_read_from_file: Unable to open file to read /data/data_velto/missing\n", kError));
   EXPECT_TRUE(buffer == &log && size == 7);
+  // A write replaces the whole file or touches nothing; a delete removes it.
+  const std::string path = kDir + "w";
+  spill(path, std::string(100, 'o'));
+  std::string bytes("new\0", 4);
+  ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
+  EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
+  EXPECT_TRUE(log.has("ssl_store_write_to_file: name or buffer_ptr or buffer size is NULL\n", kError));
+  EXPECT_EQ(bytes, kora::test::slurp(path));
+  EXPECT_EQ(0, ssl_store_delete_file(path.c_str()));
+  EXPECT_FALSE(exists(path));
+  EXPECT_EQ(-1, ssl_store_delete_file(path.c_str()));
+  EXPECT_TRUE(log.has("Unable to delete the file\n", kError));
+  EXPECT_EQ(-2, ssl_store_delete_file(nullptr));
+  EXPECT_TRUE(log.has("ssl_store_delete_file: Invalid file name \n", kError));
 }
 
 // Leaves no free stretch of address space of 64 MiB or more. User-mode emulators ignore
@@ -79,23 +93,6 @@ TEST(Files, NoMemoryLeavesFileOpen) {
                          ? 0
                          : 1;
             }));
-}
-
-TEST(Files, WriteReplacesWholeFileOrTouchesNothingAndDeleteRemoves) {
-  kora::test::LogCapture log;
-  const std::string path = kDir + "w";
-  spill(path, std::string(100, 'o'));
-  std::string bytes("new\0", 4);
-  ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
-  EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
-  EXPECT_TRUE(log.has("ssl_store_write_to_file: name or buffer_ptr or buffer size is NULL\n", kError));
-  EXPECT_EQ(bytes, kora::test::slurp(path));
-  EXPECT_EQ(0, ssl_store_delete_file(path.c_str()));
-  EXPECT_FALSE(exists(path));
-  EXPECT_EQ(-1, ssl_store_delete_file(path.c_str()));
-  EXPECT_TRUE(log.has("Unable to delete the file\n", kError));
-  EXPECT_EQ(-2, ssl_store_delete_file(nullptr));
-  EXPECT_TRUE(log.has("ssl_store_delete_file: Invalid file name \n", kError));
 }
 
 TEST(Files, BoundSessionFilesRemovedByPrefix) {

@@ -21,7 +21,7 @@ class ListTest : public StorageTest {
   kora_Net_SSL_Cert_List_t list_;
 };
 
-TEST_F(ListTest, ListsRegularFilesOfOneKindOnly) {
+TEST_F(ListTest, ListsRegularFilesOfOneKindOnlyCutToTen) {
   EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list_), 0);
   EXPECT_TRUE(untouched(0));
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "c", 1, false), 0);
@@ -35,9 +35,7 @@ TEST_F(ListTest, ListsRegularFilesOfOneKindOnly) {
   EXPECT_EQ((std::set<std::string>{list_.name[0], list_.name[1]}), (std::set<std::string>{"dev", name63}));
   EXPECT_TRUE(untouched(2));
   EXPECT_TRUE(log.has("SSL_cert_load filepath " + std::string(list_.name[1]) + " num_files1", kHigh));
-}
-
-TEST_F(ListTest, TwelveStoredNamesAreCutToTen) {
+  // Twelve stored names are cut to ten.
   std::set<std::string> stored;
   for (int i = 0; i < 12; ++i) {
     const std::string name = "psk" + std::to_string(i);
