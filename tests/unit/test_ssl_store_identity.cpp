@@ -11,9 +11,8 @@ namespace {
 
 struct IdRow {
   const char* label;
-  std::vector<std::pair<std::string, std::string>> subject;
-  std::vector<certgen::AltName> alt;
-  int status, type;  // type 0: no identifier set
+  certgen::CertSpec spec;  // subject and alternative names
+  int status, type;        // type 0: no identifier set
   std::string name;
   bool alt_names_searched;  // the high-level message before the search
 };
@@ -23,25 +22,21 @@ class Identifier : public ::testing::TestWithParam<IdRow> {};
 
 TEST_P(Identifier, FollowsTheRules) {
   const IdRow& row = GetParam();
-  certgen::CertSpec spec;
-  spec.subject = row.subject;
-  spec.alt_names = row.alt;
   kora_Net_SSL_Identifier_t id{};
   LogCapture log;
-  EXPECT_EQ(store::work_out_identifier(certgen::make_self_signed(spec).cert.get(), &id), row.status);
+  EXPECT_EQ(store::work_out_identifier(certgen::make_self_signed(row.spec).cert.get(), &id), row.status);
   EXPECT_EQ(static_cast<int>(id.identifier_Type), row.type);
   EXPECT_EQ(std::string(id.identifier_Name), row.name);
   EXPECT_EQ(log.has("SSL_cert_load_get_identifier: Cert load and Got the Identifier \n", kHigh),
             row.alt_names_searched);
 }
 
-const std::vector<certgen::AltName> kDnsNulThenUri = {{GEN_DNS, std::string("a\0b", 3)}, {GEN_URI, "urn:d"}};
 INSTANTIATE_TEST_SUITE_P(
     Rows, Identifier,
     ::testing::Values(
-        IdRow{"FirstCn", {{"CN", "dev"}, {"CN", "two"}}, {{GEN_DNS, "d.test"}}, 0, 1, "dev", false},
-        IdRow{"EmailThenUri", {}, {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:d"}}, 0, 4, "urn:d", true},
-        IdRow{"NulDns", {}, kDnsNulThenUri, -1, 0, "", true}));
+        IdRow{"FirstCn", {{{"CN", "dev"}, {"CN", "two"}}, {{GEN_DNS, "d.test"}}}, 0, 1, "dev", false},
+        IdRow{"EmailThenUri", {{}, {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:d"}}}, 0, 4, "urn:d", true},
+        IdRow{"NulDns", {{}, {{GEN_DNS, std::string("a\0b", 3)}, {GEN_URI, "urn:d"}}}, -1, 0, "", true}));
 
 struct EntryRow {
   const char* label;
