@@ -5,9 +5,6 @@ foreach(area paths files)
     LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
 endforeach()
 kora_add_gtest(test_ssl_store_init SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_init.cpp ${KORA_FAKES}/fake_km.cpp
-  ${KORA_FAKES}/fake_shell.cpp
-  LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
-kora_add_gtest(test_ssl_store_keyblob SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_keyblob.cpp
-  ${KORA_FAKES}/fake_km.cpp ${KORA_FAKES}/fake_efs.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
+  ${KORA_FAKES}/fake_shell.cpp ${KORA_FAKES}/fake_efs.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
 kora_add_gtest(test_ssl_store_seal_faults SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_seal_faults.cpp
   ${KORA_FAKES}/fake_km.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)

@@ -1,19 +1,32 @@
+// Start-up: the store's tree, and the key material (key blob and nonce) provisioned into it once.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "fakes.h"
+#include "file_bytes.h"
+#include "heap_watch.h"
 #include "log_capture.h"
 #include "ssl_store.h"
+#include "ssl_store_internal.h"
 #include "ssl_store_layout.h"
+#include "ssl_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using kora::test::LogCapture;
+using kora::test::slurp;
+
+namespace fake = kora::fake;
+
+const std::string kBlobPath = "/data/data_velto/.ssl/keyblob/takey.blob";
+const std::string kNoncePath = "/data/data_velto/.ssl/keyblob/takey.nonce";
+const std::string kSuccess = "SSL_cert_store: Successfully genereated Keyblob";
 
 const std::vector<std::string> kTree = {"",           "certs/",        "ca_lists/", "di_certs/",
                                         "psk_table/", "private_keys/", "sessions/", "keyblob/"};
@@ -35,7 +48,7 @@ TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
       commands.push_back(command + "|" + std::to_string(command.size()));
     }
     EXPECT_TRUE(commands == kora::fake::shell_calls && ssl_store_layout_dir(kTree.size()) == nullptr);
-    EXPECT_EQ(ok, fs::exists("/data/data_velto/.ssl/keyblob/takey.blob"));
+    EXPECT_EQ(ok, fs::exists(kBlobPath));
     size_t open = 0;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
       std::error_code ec;
@@ -66,5 +79,82 @@ TEST(StoreInit, MissingRootIsHighLevelAndBlockedDirectoryStops) {
     fs::create_directory(dir);
   }
 }
+
+class Keyblob : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/keyblob")); }
+  static int provide() { return ssl_store_generate_keyblob_store_in_securefs_file(); }
+  kora::test::LogCapture log_;
+};
+
+TEST_F(Keyblob, FirstStartGeneratesAndStoresBothOnce) {
+  ASSERT_EQ(0, provide());
+  EXPECT_EQ((std::vector<std::string>{"Keyblob is generated", kSuccess}), log_.texts());
+  EXPECT_EQ((std::vector<std::string>{kBlobPath + " 65 511", kNoncePath + " 65 511"}), fake::put_calls);
+  ASSERT_EQ(fake::kBlobLength, g_keyblob_len);
+  EXPECT_EQ(std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len), slurp(kBlobPath));
+  EXPECT_EQ(std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 12), slurp(kNoncePath));
+  log_.clear();
+  ASSERT_EQ(0, provide());  // already in memory: nothing is written again
+  EXPECT_TRUE(log_.texts() == std::vector<std::string>{kSuccess} && fake::put_calls.size() == 2u);
+}
+
+TEST_F(Keyblob, LaterStartLoadsNonceOfAnyLength) {
+  std::ofstream(kBlobPath) << "blob";
+  std::ofstream(kNoncePath) << std::string(40, 'n');
+  ASSERT_EQ(0, provide());
+  EXPECT_EQ("blob", std::string(gp_tz_keyblob, gp_tz_keyblob + g_keyblob_len));
+  EXPECT_TRUE(std::string(40, 'n') == std::string(gp_ta_nonceBuf, gp_ta_nonceBuf + 40) &&
+              fake::generate_calls == 0);
+}
+
+// A null blob from the service counts as success with no nonce and no files.
+TEST_F(Keyblob, NullBlobIsSuccess) {
+  fake::generate = fake::Generate::kNullBlob;
+  ASSERT_EQ(0, provide());
+  EXPECT_TRUE(gp_ta_nonceBuf == nullptr && fake::put_calls.empty());
+}
+
+struct FailureRow {
+  const char* label;
+  int inject;  // 0 generate, 1/2 the n-th put, 3 blob file without nonce file, 4 no memory for the nonce
+  std::string message;
+  bool blob_file;  // takey.blob on disk afterwards
+  int status = -1;
+};
+std::ostream& operator<<(std::ostream& os, const FailureRow& r) { return os << r.label; }
+
+class KeyblobFailure : public Keyblob, public testing::WithParamInterface<FailureRow> {};
+
+TEST_P(KeyblobFailure, ReportsAndCleansUp) {
+  const FailureRow& row = GetParam();
+  fake::generate = row.inject == 0 ? fake::Generate::kFail : fake::Generate::kOk;
+  fake::fail_put_on_call = row.inject == 1 || row.inject == 2 ? row.inject : 0;
+  if (row.inject == 3) {
+    std::ofstream(kBlobPath) << "blob";
+  } else if (row.inject == 4) {
+    kora::test::heap::refuse_next_calloc(12, 1);
+  }
+  uint8_t warm_up[1];
+  ASSERT_EQ(0, ssl_get_random_number(1, warm_up));  // the random source's first use allocates for good
+  const long live = kora::test::heap::live_blocks();
+  EXPECT_EQ(row.status, provide());
+  EXPECT_EQ(live, kora::test::heap::live_blocks());  // the blob and nonce buffers go back
+  EXPECT_TRUE(log_.has(row.message, kora::test::kError)) << row.message;
+  EXPECT_EQ(row.blob_file, access(kBlobPath.c_str(), F_OK) == 0);
+  EXPECT_NE(0, access(kNoncePath.c_str(), F_OK));
+  const uint8_t *blob = nullptr, *nonce = nullptr;
+  EXPECT_TRUE(gp_tz_keyblob == nullptr && g_keyblob_len == 0 && gp_ta_nonceBuf == nullptr &&
+              !ssl_store_key_material(&blob, &g_keyblob_len, &nonce));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, KeyblobFailure,
+    testing::Values(FailureRow{"GenerateFails", 0, "SSL_cert_store: Error in Generating new Key blob", false},
+                    FailureRow{"BlobPutFails", 1, "SSL_cert_store: Unable to store Key blob into EFS", false},
+                    FailureRow{"NoncePutFails", 2, "SSL_cert_store: Unable to store nonce into EFS", true},
+                    FailureRow{"NonceFileMissing", 3, "SSL_cert_store: Reading nonce from EFS failed failed!",
+                               true},
+                    FailureRow{"NonceNoMemory", 4, "Allocating memory for nonce buffer failed!", false, -3}));
 
 }  // namespace
