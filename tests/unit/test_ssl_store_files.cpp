@@ -13,17 +13,14 @@
 #include "ssl_store.h"
 #include "subprocess.h"
 
-namespace {
-
-using kora::test::kError;
-using kora::test::spill;
+namespace kora::test {
 
 const std::string kDir = "/data/data_velto/", kSessions = "/data/data_velto/.ssl/sessions/";
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneAndDeleteRemoves) {
-  kora::test::LogCapture log;
+  LogCapture log;
   for (const std::string& bytes : {std::string(), std::string("a\0b", 3)}) {
     spill(kDir + "f", bytes);
     void* buffer = nullptr;
@@ -46,7 +43,7 @@ TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneAndDeleteRemoves) {
   ASSERT_EQ(0, ssl_store_write_to_file(path.c_str(), bytes.data(), bytes.size()));
   EXPECT_EQ(-1, ssl_store_write_to_file(path.c_str(), bytes.data(), 0));
   EXPECT_TRUE(log.has("ssl_store_write_to_file: name or buffer_ptr or buffer size is NULL\n", kError));
-  EXPECT_EQ(bytes, kora::test::slurp(path));
+  EXPECT_EQ(bytes, slurp(path));
   EXPECT_EQ(0, ssl_store_delete_file(path.c_str()));
   EXPECT_FALSE(exists(path));
   EXPECT_EQ(-1, ssl_store_delete_file(path.c_str()));
@@ -72,8 +69,8 @@ TEST(Files, NoMemoryLeavesFileOpen) {
   const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0600);
   ASSERT_EQ(0, ftruncate(fd, 1 << 30));  // sparse on tmpfs
   close(fd);
-  EXPECT_EQ(0, kora::test::in_child([&] {
-              kora::test::LogCapture log;
+  EXPECT_EQ(0, in_child([&] {
+              LogCapture log;
               if (sizeof(void*) == 4) {
                 fill_address_space();
               } else {
@@ -119,4 +116,4 @@ TEST(Files, BoundSessionFilesRemovedByPrefix) {
   for (const auto& name : made) EXPECT_TRUE(exists(kSessions + name)) << name;
 }
 
-}  // namespace
+}  // namespace kora::test

@@ -16,13 +16,9 @@
 #include "ssl_store_layout.h"
 #include "ssl_util.h"
 
-namespace {
+namespace kora::test {
 
 namespace fs = std::filesystem;
-using kora::test::LogCapture;
-using kora::test::slurp;
-
-namespace fake = kora::fake;
 
 const std::string kBlobPath = "/data/data_velto/.ssl/keyblob/takey.blob";
 const std::string kNoncePath = "/data/data_velto/.ssl/keyblob/takey.nonce";
@@ -56,7 +52,7 @@ TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
       open += !ec && target.rfind("/data/data_velto", 0) == 0 && fs::is_directory(target);
     }
     EXPECT_EQ(ok ? 17u : 9u, open);
-    EXPECT_EQ(!ok, log.has("Keyblob generation failed \n", kora::test::kError));
+    EXPECT_EQ(!ok, log.has("Keyblob generation failed \n", kError));
   }
 }
 
@@ -64,7 +60,7 @@ TEST(StoreInit, MissingRootIsHighLevelAndBlockedDirectoryStops) {
   LogCapture log;
   ASSERT_EQ(0, rmdir("/data/data_velto"));
   EXPECT_EQ(-1, ssl_store_init());
-  EXPECT_TRUE(log.has("Root directory unavailable\n", kora::test::kHigh));
+  EXPECT_TRUE(log.has("Root directory unavailable\n", kHigh));
   ASSERT_TRUE(fs::create_directory("/data/data_velto"));
   // A dangling link where a directory belongs stops the build there, whichever directory it is.
   const char* const kWhat[] = {"SSL",     "Certs",        "CA lists", "DI certs",
@@ -73,7 +69,7 @@ TEST(StoreInit, MissingRootIsHighLevelAndBlockedDirectoryStops) {
     const fs::path dir = fs::path("/data/data_velto/.ssl/" + kTree[i]).parent_path();
     fs::create_symlink("/nowhere", dir);
     EXPECT_EQ(-1, ssl_store_init()) << dir;
-    EXPECT_TRUE(log.has(kWhat[i] + std::string(" directory unavailable \n"), kora::test::kError)) << dir;
+    EXPECT_TRUE(log.has(kWhat[i] + std::string(" directory unavailable \n"), kError)) << dir;
     EXPECT_TRUE(i + 1 == kTree.size() || !fs::exists("/data/data_velto/.ssl/" + kTree[i + 1])) << dir;
     fs::remove(dir);
     fs::create_directory(dir);
@@ -84,7 +80,7 @@ class Keyblob : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/keyblob")); }
   static int provide() { return ssl_store_generate_keyblob_store_in_securefs_file(); }
-  kora::test::LogCapture log_;
+  LogCapture log_;
 };
 
 TEST_F(Keyblob, FirstStartGeneratesAndStoresBothOnce) {
@@ -133,14 +129,14 @@ TEST_P(KeyblobFailure, ReportsAndCleansUp) {
   if (row.inject == 3) {
     std::ofstream(kBlobPath) << "blob";
   } else if (row.inject == 4) {
-    kora::test::heap::refuse_next_calloc(12, 1);
+    heap::refuse_next_calloc(12, 1);
   }
   uint8_t warm_up[1];
   ASSERT_EQ(0, ssl_get_random_number(1, warm_up));  // the random source's first use allocates for good
-  const long live = kora::test::heap::live_blocks();
+  const long live = heap::live_blocks();
   EXPECT_EQ(row.status, provide());
-  EXPECT_EQ(live, kora::test::heap::live_blocks());  // the blob and nonce buffers go back
-  EXPECT_TRUE(log_.has(row.message, kora::test::kError)) << row.message;
+  EXPECT_EQ(live, heap::live_blocks());  // the blob and nonce buffers go back
+  EXPECT_TRUE(log_.has(row.message, kError)) << row.message;
   EXPECT_EQ(row.blob_file, access(kBlobPath.c_str(), F_OK) == 0);
   EXPECT_NE(0, access(kNoncePath.c_str(), F_OK));
   const uint8_t *blob = nullptr, *nonce = nullptr;
@@ -157,4 +153,4 @@ INSTANTIATE_TEST_SUITE_P(
                                true},
                     FailureRow{"NonceNoMemory", 4, "Allocating memory for nonce buffer failed!", false, -3}));
 
-}  // namespace
+}  // namespace kora::test

@@ -8,10 +8,7 @@
 #include "ssl_store.h"
 #include "ssl_store_layout.h"
 
-namespace {
-
-using kora::test::kError;
-using kora::test::kHigh;
+namespace kora::test {
 
 const std::string k63(63, 'n'), k64(64, 'n'), kCerts = "/data/data_velto/.ssl/certs/";
 const std::string kKey = "/data/data_velto/.ssl/private_keys/k";
@@ -32,7 +29,7 @@ class CertPath : public testing::TestWithParam<PathCase> {};
 
 TEST_P(CertPath, ResolvesOrRefuses) {
   const PathCase& c = GetParam();
-  kora::test::LogCapture log;
+  LogCapture log;
   char buffer[512] = "untouched";
   EXPECT_EQ(c.rc, SSL_cert_get_abs_path(c.name.c_str(), static_cast<kora_Net_SSL_Cert_Type_t>(c.type), buffer,
                                         c.max_len, c.key));
@@ -59,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(Table, CertPath,
                                          PathCase{"type5", "x", 5, 512, false, -2, "", kType, kHigh}));
 
 TEST(Paths, SessionPathAndExistenceChecks) {
-  kora::test::LogCapture log;
+  LogCapture log;
   char buffer[128];
   EXPECT_EQ(-1, SSL_session_get_abs_path(k63.c_str(), buffer, 94));
   EXPECT_TRUE(log.has("Invalid file path length", kError));
@@ -85,4 +82,4 @@ TEST(Paths, SessionPathAndExistenceChecks) {
   EXPECT_TRUE(log.has("Is_SSL_cert_file_exist: File :keyonly is not exist \n", kError));
 }
 
-}  // namespace
+}  // namespace kora::test

@@ -10,7 +10,7 @@
 #include "log_capture.h"
 #include "ssl_store.h"
 
-namespace {
+namespace kora::test {
 
 using kora::fake::Crypt;
 
@@ -35,19 +35,19 @@ TEST_P(SealFault, ReportsAndCleansUp) {
   ASSERT_EQ(0, ssl_store_generate_keyblob_store_in_securefs_file());
   std::ofstream(kPath, std::ios::binary) << (f.file == 3 ? "FKSLplain" : "");
   (f.file == 3 ? kora::fake::unseal : kora::fake::seal) = f.mode;
-  kora::test::LogCapture log;
+  LogCapture log;
   testing::internal::CaptureStdout();
   void* buffer = f.file == 2 ? std::malloc(16) : nullptr;  // from an earlier call
   size_t size = 16;
   const char* target = f.file == 1 ? "/data/data_velto/missing/dev" : f.file == 4 ? nullptr : kPath;
-  const long live = kora::test::heap::live_blocks() - (f.file == 2);  // the earlier buffer goes
+  const long live = heap::live_blocks() - (f.file == 2);  // the earlier buffer goes
   EXPECT_EQ(-1, f.file >= 2 ? ssl_store_cert_read_decrypt_from_file(target, &buffer, &size)
                             : ssl_store_cert_write_encrypt_to_file(target, "plain", 5));
   EXPECT_EQ(f.out, testing::internal::GetCapturedStdout());
   EXPECT_EQ(f.text, log.texts().empty() ? "" : log.texts().back());
   EXPECT_TRUE(f.file < 2 || (buffer == nullptr && size == (f.file == 4 ? 16u : 0u)));
   EXPECT_TRUE(f.file >= 2 || std::ifstream(kPath).peek() == EOF);
-  EXPECT_EQ(kora::test::heap::live_blocks(), live) << "a sealed or unsealed buffer leaked";
+  EXPECT_EQ(heap::live_blocks(), live) << "a sealed or unsealed buffer leaked";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -66,4 +66,4 @@ INSTANTIATE_TEST_SUITE_P(
                           "SSL_cert_store:  Certificate decryption buffer is empty !\n"},
                     Fault{"NullName", Crypt::kOk, 4, "", "Invalid parameters\n"}));
 
-}  // namespace
+}  // namespace kora::test
