@@ -53,9 +53,7 @@ class Entry : public LoadingTest, public ::testing::WithParamInterface<EntryRow>
 
 TEST_P(Entry, ReturnsCodeAndReleasesAsRequired) {
   const EntryRow& row = GetParam();
-  certgen::CertSpec spec;
-  spec.subject = {{row.file == 2 ? "O" : "CN", "dev"}};
-  const auto cred = certgen::make_self_signed(spec);
+  const auto cred = certgen::make_self_signed({{{row.file == 2 ? "O" : "CN", "dev"}}, {}});
   const std::string stored = row.file == 2 ? bytes_of(cred.cert_der()) : cred.cert_pem();
   if (row.file != 0) {
     put("di", KORA_NET_SSL_DI_CERT_E, stored);

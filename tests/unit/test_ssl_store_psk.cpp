@@ -67,9 +67,8 @@ TEST_F(StorageTest, PskEntriesThatOutgrowTheirTextStoreFailureAndMissingArgument
   ASSERT_TRUE(ssl_store_delete_file(kTablePath.c_str()) == 0 && store_lock_is_free());
   EXPECT_TRUE(parse("a:01", std::string(64, 'n').c_str()) == -1 && store_lock_is_free());
   std::string text = "a:01";
-  kora_Net_SSL_PSK_Table_t good{4, reinterpret_cast<uint8_t*>(text.data())}, empty = good, no_text = good;
-  empty.psk_Size = 0;
-  no_text.psk_Buf = nullptr;
+  auto* bytes = reinterpret_cast<uint8_t*>(text.data());
+  kora_Net_SSL_PSK_Table_t good{4, bytes}, empty{0, bytes}, no_text{4, nullptr};
   for (const auto& [table, out_file] : {std::pair{&good, static_cast<const char*>(nullptr)},
                                         {&empty, "tbl"},
                                         {&no_text, "tbl"},
