@@ -6,5 +6,3 @@ foreach(area paths files)
 endforeach()
 kora_add_gtest(test_ssl_store_init SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_init.cpp ${KORA_FAKES}/fake_km.cpp
   ${KORA_FAKES}/fake_shell.cpp ${KORA_FAKES}/fake_efs.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
-kora_add_gtest(test_ssl_store_seal_faults SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_ssl_store_seal_faults.cpp
-  ${KORA_FAKES}/fake_km.cpp LIBS ${KORA_STORE_HOST_LIBS} LABELS foundation)
