@@ -80,9 +80,7 @@ TEST(StoreInit, MissingRootIsHighLevelAndBlockedDirectoryStops) {
 
 class Keyblob : public testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/keyblob /data/data_velto/.ssl/certs"));
-  }
+  void SetUp() override { ASSERT_EQ(0, system("mkdir -p " KORA_STORE_KEYBLOB_DIR " " KORA_STORE_CERTS_DIR)); }
   static int provide() { return ssl_store_generate_keyblob_store_in_securefs_file(); }
   LogCapture log_;
 };
