@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +39,7 @@ extern "C" int RAND_bytes(unsigned char* buf, int num) {
 namespace {
 #endif
 namespace km = kora::km;
+namespace fs = std::filesystem;
 const char* const kRootKey = "/data/km/root.key";
 constexpr int kSeal = SSL_KM_DIRECTION_SEAL, kUnseal = SSL_KM_DIRECTION_UNSEAL;
 
@@ -104,7 +105,7 @@ class HostKm : public testing::Test {
 class HostKmCase : public HostKm, public testing::WithParamInterface<Case> {};
 
 // A failed call's reason does not outlive it: the next call that works reports none.
-TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
+TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcess) {
   EXPECT_NE(crypt(blob_, nonce_, Bytes(3, 'x'), 7), 0);
   EXPECT_STRNE(kora_km_last_error(), "");
   for (size_t n : {0, 17, 100000}) {
@@ -117,6 +118,18 @@ TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
   }
   const Bytes a = seal(Bytes(64, 'a')), b = seal(Bytes(64, 'a'));
   EXPECT_NE(Bytes(a.begin() + 1, a.begin() + 13), Bytes(b.begin() + 1, b.begin() + 13));
+  // A process that starts afresh (here: a child that drops every cached key and handle) reads
+  // the root key again and opens what this one sealed, also when started without standard
+  // input, as daemons are (the root key then gets descriptor 0), or with errno at EINTR.
+  const Bytes plain = random_bytes(300), sealed = seal(plain);
+  EXPECT_EQ(kora::test::in_child([&] {
+              ::close(0);
+              km::forget_keys();
+              errno = EINTR;  // left over from the caller's own interrupted call
+              Bytes back;
+              return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
+            }),
+            0);
 }
 
 // One byte more, every truncation, a low and a high bit flipped in each byte, another nonce,
@@ -144,21 +157,6 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
   other_nonce[11] ^= 1;
   EXPECT_EQ(crypt(blob_, other_nonce, sealed, kUnseal), km::kErrAuth);
   EXPECT_EQ(crypt(new_blob(), nonce_, sealed, kUnseal), km::kErrAuth);
-}
-
-// A process that starts afresh (here: a child that drops every cached key and handle) reads
-// the root key again and opens what this one sealed, also when started without standard
-// input, as daemons are (the root key then gets descriptor 0), or with errno at EINTR.
-TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
-  const Bytes plain = random_bytes(300), sealed = seal(plain);
-  EXPECT_EQ(kora::test::in_child([&] {
-              ::close(0);
-              km::forget_keys();
-              errno = EINTR;  // left over from the caller's own interrupted call
-              Bytes back;
-              return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
-            }),
-            0);
 }
 
 // Threads sealing and opening at once under two key blobs in turn (each switch replaces the
@@ -201,20 +199,15 @@ TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
 // The first use creates the root key and its directory, private, with no temporary file left
 // behind. Every byte of a new key is random, the last one too.
 TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
-  struct stat st {};
-  ASSERT_EQ(stat("/data/km", &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0700u);
-  ASSERT_EQ(stat(kRootKey, &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  EXPECT_EQ(st.st_size, 32);
-  EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
+  EXPECT_EQ(fs::status("/data/km").permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(kRootKey).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::file_size(kRootKey), 32u);
+  EXPECT_EQ(std::distance(fs::directory_iterator("/data/km"), {}), 1) << "temporary files left behind";
   EXPECT_EQ(blob_.size(), km::kKeyBlobLen);
   std::string last_bytes;
   for (int i = 0; i < 16; ++i) {
     ASSERT_EQ(km::file::make_root_key(true), km::kOk);
-    std::ifstream key(kRootKey, std::ios::binary);
-    key.seekg(31);
-    last_bytes += static_cast<char>(key.get());
+    last_bytes += kora::test::slurp(kRootKey).at(31);
   }
   EXPECT_NE(last_bytes, std::string(16, last_bytes[0])) << "the last byte of new root keys never changes";
 }
@@ -362,21 +355,18 @@ INSTANTIATE_TEST_SUITE_P(
     name_of);
 #endif
 
+// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
 // The environment's root-key path only when it names one: empty or unset means the default.
-TEST_F(HostKm, EmptyRootKeyVariableMeansTheDefaultPath) {
+TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAskedAndAnEmptyPathMeansTheDefault) {
+  EXPECT_EQ(kora_km_make_root_key(0), 0);
+  seal(Bytes(3));
+  EXPECT_EQ(kora_km_make_root_key(1), 0);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
   unsetenv("KORA_KM_ROOT_KEY");
   const std::string fallback = km::root_key_path();
   setenv("KORA_KM_ROOT_KEY", "", 1);
   EXPECT_EQ(km::root_key_path(), fallback);
   EXPECT_EQ(fallback.front(), '/');
-}
-
-// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
-TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAsked) {
-  EXPECT_EQ(kora_km_make_root_key(0), 0);
-  seal(Bytes(3));
-  EXPECT_EQ(kora_km_make_root_key(1), 0);
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 }  // namespace
