@@ -64,14 +64,9 @@ std::string mount_store_fs(const std::string& path) {
     return mount_tmpfs(path, "mode=0755");
   }
   std::string dir = std::string(base) + "/store-XXXXXX";
-  if (mkdtemp(dir.data()) == nullptr) {
-    return errno_text("mkdtemp " + dir);
-  }
-  if (chmod(dir.c_str(), 0755) != 0) {
-    return errno_text("chmod " + dir);
-  }
-  if (mount(dir.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-    return errno_text("bind " + dir + " at " + path);
+  if (mkdtemp(dir.data()) == nullptr || chmod(dir.c_str(), 0755) != 0 ||
+      mount(dir.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    return errno_text("make " + dir + " and bind it at " + path);
   }
   return {};
 }
@@ -79,17 +74,15 @@ std::string mount_store_fs(const std::string& path) {
 }  // namespace
 
 std::string mount_tmpfs(const std::string& path, const std::string& options) {
-  if (mount("kora-test", path.c_str(), "tmpfs", 0, options.c_str()) != 0) {
-    return errno_text("mount tmpfs at " + path);
-  }
-  return {};
+  return mount("kora-test", path.c_str(), "tmpfs", 0, options.c_str()) == 0
+             ? ""
+             : errno_text("mount tmpfs at " + path);
 }
 
 std::string remount_read_only(const std::string& path) {
-  if (mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-    return errno_text("remount " + path);
-  }
-  return {};
+  return mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0
+             ? ""
+             : errno_text("remount " + path);
 }
 
 std::string enter_private_store_root() {
