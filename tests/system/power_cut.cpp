@@ -134,12 +134,8 @@ struct FileState {
 };
 
 FileState file_state(const std::string& path) {
-  FileState s;
-  s.present = access(path.c_str(), F_OK) == 0;
-  if (s.present) {
-    s.bytes = read_stored(path);
-  }
-  return s;
+  const bool present = access(path.c_str(), F_OK) == 0;
+  return {present, present ? read_stored(path) : std::nullopt};
 }
 
 bool matches(const FileState& s, int v, const std::array<std::string, kVersions>& versions) {
@@ -224,15 +220,6 @@ struct Counts {
     }
     state[c] = v;
   }
-}
-
-// Unmounts /data without writing (the flash has stopped) and mounts it again: UBIFS recovers.
-bool remount() {
-  if (umount("/data") != 0 || mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
-    std::perror("remount ubi0:data on /data");
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -329,7 +316,9 @@ int main(int argc, char** argv) {
       }
     }
     n.idle += doubt < 0 ? 1 : 0;
-    if (!remount()) {
+    // Unmounts /data without writing (the flash has stopped) and mounts it again: UBIFS recovers.
+    if (umount("/data") != 0 || mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
+      std::perror("remount ubi0:data on /data");
       ++n.failed_starts;
       break;
     }
