@@ -25,19 +25,17 @@
 #include "softhsm_token.h"
 #endif
 
-namespace {
-
-using Bytes = std::vector<uint8_t>;
-
 #ifndef KORA_KM_TOKEN_TESTS
 // Link-time substitute for the file backend's random source, failing on demand.
-bool g_random_fails = false;
-}  // namespace
+static bool g_random_fails = false;
 extern "C" int RAND_bytes(unsigned char* buf, int num) {
   return g_random_fails ? 0 : RAND_bytes_ex(nullptr, buf, static_cast<unsigned>(num), 0);
 }
-namespace {
 #endif
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
 namespace km = kora::km;
 namespace fs = std::filesystem;
 const char* const kRootKey = "/data/km/root.key";
