@@ -79,7 +79,6 @@ struct Case {
   int rc = km::kErrRootKey;
   bool create = false;  // by a new key blob, else opened for a sealed file
 };
-std::string name_of(const testing::TestParamInfo<Case>& c) { return c.param.label; }
 void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 
 class HostKm : public testing::Test {
@@ -185,7 +184,9 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
 #ifndef KORA_KM_TOKEN_TESTS
 // Once the pool of fresh IVs is used up, a random source that fails fails the seal: an IV is
 // never handed out twice.
-TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
+// The first use creates the root key and its directory, private, with no temporary file left
+// behind. Every byte of a new key is random, the last one too.
+TEST_F(HostKm, FailingRandomSourceNeverReusesAnIvAndFirstUseCreatesOnePrivateRootKey) {
   int failed = 0;
   g_random_fails = true;
   for (int i = 0; i <= 340; ++i) {
@@ -193,10 +194,6 @@ TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
   }
   g_random_fails = false;
   EXPECT_GT(failed, 0);
-}
-// The first use creates the root key and its directory, private, with no temporary file left
-// behind. Every byte of a new key is random, the last one too.
-TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
   EXPECT_EQ(fs::status("/data/km").permissions(), fs::perms::owner_all);
   EXPECT_EQ(fs::status(kRootKey).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(fs::file_size(kRootKey), 32u);
@@ -248,7 +245,7 @@ TEST_P(HostKmCase, RootKeyRefusedWithTheFileAndTheRuleNamed) {
               access(path.c_str(), F_OK) != 0)
       << "a root key was made or put in place";
 }
-INSTANTIATE_TEST_SUITE_P(Files, HostKmCase, testing::ValuesIn(kPlanted), name_of);
+INSTANTIATE_TEST_SUITE_P(Files, HostKmCase, testing::ValuesIn(kPlanted), testing::PrintToStringParamName());
 #else
 // Through a session of the test's own: the root key's sensitive, extractable and
 // never-extractable flags, what reading its value gives, and how many AES keys the
@@ -284,13 +281,26 @@ std::vector<CK_ULONG> look_into_token() {
   return {flag[0], flag[1], flag[2], value_rv, keys};
 }
 
-// The data key of a key blob no longer in use is not left in the token either.
-TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
+// The data key of a key blob no longer in use is not left in the token either. A seal of one
+// backend is refused by the other as another backend's, not as damage.
+TEST_F(HostKm, TokenRootKeyIsSensitiveAndEachBackendRefusesTheOthersSeal) {
   seal(Bytes(3));
   EXPECT_EQ(crypt(new_blob(), nonce_, Bytes(3), kSeal), 0);
   // The value is not read out; the root key and one data key are left.
   EXPECT_EQ(look_into_token(),
             (std::vector<CK_ULONG>{CK_TRUE, CK_FALSE, CK_TRUE, CKR_ATTRIBUTE_SENSITIVE, 2}));
+  const Bytes by_token = seal(Bytes(10));
+  const std::string uri = getenv("KORA_KM_PKCS11_URI");
+  unsetenv("KORA_KM_PKCS11_URI");
+  const Bytes file_blob = new_blob();
+  Bytes by_file;
+  ASSERT_EQ(crypt(file_blob, nonce_, Bytes(10), kSeal, &by_file), 0);
+  EXPECT_EQ(crypt(file_blob, nonce_, by_token, kUnseal), km::kErrFormat);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+  setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
+  EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
+  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
+  EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 // A token that misbehaves is named: a root key it will not remove, a seal of the wrong length.
@@ -308,22 +318,6 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   setenv("KORA_P11_FAULT", "C_Logout C_CloseSession C_Finalize", 1);
   km::forget_keys();
   EXPECT_EQ(look_into_token().back(), 3u) << "two root keys and the data key the token kept; no other";
-}
-
-// A seal of one backend is refused by the other as another backend's, not as damage.
-TEST_F(HostKm, EachBackendRefusesTheOthersSeal) {
-  const Bytes by_token = seal(Bytes(10));
-  const std::string uri = getenv("KORA_KM_PKCS11_URI");
-  unsetenv("KORA_KM_PKCS11_URI");
-  const Bytes file_blob = new_blob();
-  Bytes by_file;
-  ASSERT_EQ(crypt(file_blob, nonce_, Bytes(10), kSeal, &by_file), 0);
-  EXPECT_EQ(crypt(file_blob, nonce_, by_token, kUnseal), km::kErrFormat);
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
-  setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
-  EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
-  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
-  EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 // What a user gets wrong in the URI or the token, each said plainly; a PIN from a file works.
@@ -350,7 +344,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"other_id", kora::test::token_uri("pin-value=1234", "kora-root;id=%01"), "", "has no root key"},
         Case{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so", "", "cannot load",
              km::kErrToken}),
-    name_of);
+    testing::PrintToStringParamName());
 #endif
 
 // Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
