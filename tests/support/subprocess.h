@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -50,12 +51,8 @@ int listen_loopback(int* port);
 
 // The blank-separated words of `command`.
 inline std::vector<std::string> words_of(const std::string& command) {
-  std::vector<std::string> out;
   std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    out.push_back(w);
-  }
-  return out;
+  return {std::istream_iterator<std::string>(words), {}};
 }
 
 #ifdef KORA_CLI_PATH
