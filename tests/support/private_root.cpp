@@ -96,15 +96,15 @@ std::string enter_private_store_root() {
   if (getcwd(cwd, sizeof cwd) == nullptr) {
     return errno_text("getcwd");
   }
-  struct stat st {};
-  if (stat("/data", &st) == 0 && S_ISDIR(st.st_mode)) {
+  std::error_code ec;
+  if (std::filesystem::is_directory("/data", ec)) {
     // The host has a /data: hide it behind the store's file system in this namespace only.
     if (std::string why = mount_store_fs("/data"); !why.empty()) {
       return why;
     }
   } else {
     // No /data on the host: build a new root so that nothing is created on the host.
-    const std::string staging = (stat("/mnt", &st) == 0 && S_ISDIR(st.st_mode)) ? "/mnt" : "/tmp";
+    const std::string staging = std::filesystem::is_directory("/mnt", ec) ? "/mnt" : "/tmp";
     if (std::string why = mount_tmpfs(staging, "mode=0755"); !why.empty()) {
       return why;
     }
