@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -42,7 +43,9 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
     ASSERT_EQ(ssl_store_init(), 0);
     kora::certgen::CertSpec spec;
-    spec.alt_names = {{GEN_DNS, "server.example"}, {GEN_IPADD, std::string("\x7f\x00\x00\x01", 4)}};
+    spec.alt_names = {{GEN_DNS, "server.example"},
+                      {GEN_IPADD, std::string("\x7f\x00\x00\x01", 4)},
+                      {GEN_IPADD, std::string(15, '\0') + "\x01"}};
     server_cert_ = kora::certgen::make_self_signed(spec);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_SERVER, &server_), 0);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &client_), 0);
@@ -97,6 +100,10 @@ class ObjectPair : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
+  const auto open_fds = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto fds_before = open_fds();
   EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1)
       << "unknown suite ignored";
   ASSERT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_CHACHA20_POLY1305_SHA256"), 0);
@@ -134,9 +141,44 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_NE(slurp(kSessions + "cred_9999.session"), "") << "last free number not taken";
   EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
 
+  // Offered up to the very second its lifetime ends (every number is taken now: it stays the one
+  // offered), and not once padded past the 64 KiB a session may take.
+  const std::string last = kSessions + "cred_9999";
+  ASSERT_EQ(slurp(last + ".timestamp").copy(reinterpret_cast<char*>(&rec), sizeof rec), sizeof rec);
+  const auto stamp = [&](time_t at) {
+    rec.session_timestamp = at;
+    std::ofstream(last + ".timestamp", std::ios::binary).write(reinterpret_cast<char*>(&rec), sizeof rec);
+  };
+  stamp(std::time(nullptr) - rec.lifetime - 2);
+  EXPECT_EQ(connect().info.session_reused, 0) << "an expired session offered";
+  EXPECT_TRUE(log.has("Saved session expired, full handshake\n", kora::test::kHigh));
+  for (int tries = 0; tries < 3; ++tries) {
+    const time_t now = std::time(nullptr);
+    stamp(now - rec.lifetime);
+    const int reused = connect().info.session_reused;
+    if (std::time(nullptr) == now) {  // else the second turned during the handshake: try again
+      EXPECT_EQ(reused, 1) << "a session dropped in the last second of its lifetime";
+      break;
+    }
+  }
+  stamp(std::time(nullptr));
+  void* plain = nullptr;
+  size_t size = 0;
+  ASSERT_EQ(ssl_store_cert_read_decrypt_from_file((last + ".session").c_str(), &plain, &size), 0);
+  std::string padded(static_cast<char*>(plain), size);
+  std::free(plain);
+  padded.resize(64 * 1024 + 1);
+  ASSERT_EQ(ssl_store_cert_write_encrypt_to_file((last + ".session").c_str(), padded.data(), padded.size()),
+            0);
+  EXPECT_EQ(connect().info.session_reused, 0) << "a session file past 64 KiB offered";
+  EXPECT_TRUE(log.has("Saved session not usable, full handshake\n", kora::test::kHigh));
+  EXPECT_EQ(open_fds(), fds_before) << "a descriptor left open";
+
   // A disk with room for the session file but not for its timestamp keeps neither.
   ASSERT_EQ(::mount("tmpfs", kSessions.c_str(), "tmpfs", 0, "size=4k,mode=0700"), 0);
   EXPECT_EQ(connect().save_rc, SSL_UTIL_ERR_FAILED);
+  EXPECT_TRUE(
+      log.has("ssl_session_save: cannot write session files for cred (errno 28)\n", kora::test::kError));
   EXPECT_TRUE(std::filesystem::is_empty(kSessions)) << "a half-written session left";
 }
 
@@ -161,6 +203,11 @@ TEST_P(ObjectPair, ReadEndedWithoutCloseNotificationFailsAndSaysSo) {
   });
   EXPECT_EQ(ssl_conn_open(client_, fds[0]), 0);
   server.join();
+  int client = -1, server_index = -1;
+  utility_get_ssl_ctxt(ssl_get_obj_context(client_), &client);
+  utility_get_ssl_ctxt(ssl_get_obj_context(server_), &server_index);
+  EXPECT_EQ(g_ssl_ctxt[client].conn_hndl + g_ssl_ctxt[server_index].conn_hndl, 3u)
+      << "connections not numbered 1, 2";
   kora::test::LogCapture log;
   char buf[8];
   EXPECT_EQ(ssl_conn_read(client_, buf, sizeof buf), SSL_UTIL_ERR_FAILED);
@@ -184,11 +231,15 @@ TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
       });
   for (const auto& [name, accepted, sni] :
        {std::tuple{"other.example", false, "other.example"}, std::tuple{"192.0.2.1", false, ""},
-        std::tuple{"127.0.0.1", true, ""}, std::tuple{"server.example", true, "server.example"}}) {
+        std::tuple{"127.0.0.1", true, ""}, std::tuple{"::1", true, ""},
+        std::tuple{"server.example", true, "server.example"}}) {
     ASSERT_EQ(ssl_obj_set_server_name(client_, name), 0);
     g_sni = "none";
     ASSERT_EQ(ssl_session_set_resume(client_, ""), 0);
+    kora::test::LogCapture log;
     const Outcome out = connect(1);  // room for the terminator only
+    const std::string refused = "ssl_session_save: no resumable session on handle " + std::to_string(client_);
+    EXPECT_EQ(log.has(refused + "\n", kora::test::kError), !accepted) << name;
     EXPECT_EQ(out.client_rc == 0, accepted) << name;
     EXPECT_EQ(out.saved, accepted ? "" : "none") << name;
     EXPECT_EQ(g_sni, sni) << name;
