@@ -16,9 +16,19 @@ kora_Net_SSL_Cert_Type_t kind(int type) { return static_cast<kora_Net_SSL_Cert_T
 const std::string kKeys = kStoreRoot + "private_keys/";
 const std::string kDirs[] = {"", kCerts, kCaLists, kPskTables, kStoreRoot + "di_certs/"};
 
-// A key of any kind goes to private_keys; a second store replaces the file, sessions stay.
-// Storing and reading back again keeps no block allocated.
-TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
+// Bad arguments are refused before the lock is taken. A key of any kind goes to private_keys; a
+// second store replaces the file, sessions stay. Storing and reading back again keeps no block
+// allocated. A failed write is reported at each step, writes nothing and leaves ssl_mutex held,
+// so every later store waits for it.
+TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileReplacesItOrRefusesOrFailsHoldingTheLock) {
+  const std::tuple<const char*, int, int, std::string> refusals[] = {
+      {nullptr, 1, -2, "SSL_cert_store: Invalid EFS file name \n"},
+      {"dev", 9, -1, "SSL_cert_store: Invalid abs path for the file name:dev type:9"}};
+  for (const auto& [name, type, expected, message] : refusals) {
+    LogCapture log;
+    EXPECT_EQ(SSL_cert_store(name, kind(type), "abc", 3, false), expected) << message;
+    EXPECT_TRUE(log.has(message, kError) && store_lock_is_free()) << message;
+  }
   const std::string bytes("cred\0bytes\xff", 11);
   const std::tuple<int, bool, std::string> cases[] = {
       {1, false, kCerts + "dev"},   {2, false, kCaLists + "dev"}, {3, false, kPskTables + "dev"},
@@ -36,6 +46,15 @@ TEST_F(StorageTest, StoresSealedBytesIntoTheSelectedFileAndReplacesIt) {
   write_plain(kSessions + "dev_1.session");
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "v2", 2, false), 0);
   EXPECT_TRUE(read_stored(kCerts + "dev") == "v2" && exists(kSessions + "dev_1.session"));
+  ASSERT_EQ(mount_tmpfs(kCerts, "size=64k"), "");
+  ASSERT_EQ(remount_read_only(kCerts), "");
+  LogCapture log;
+  EXPECT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "abc", 3, false), -1);
+  EXPECT_TRUE(log.has("Error in opening " + kCerts + "dev\n", kError) &&
+              log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
+              log.has("Failed to write cert file to file location\n", kError));
+  EXPECT_FALSE(exists(kCerts + "dev") || store_lock_is_free());
+  lock_held_on_purpose_ = true;
 }
 
 // Removal of "dev": dev's session files always go, other credentials' files always stay. For a
@@ -79,45 +98,13 @@ INSTANTIATE_TEST_SUITE_P(Removal, PutRemoveTest, ::testing::Values(
     [](const auto& p) { return std::string(p.param.label); });
 // clang-format on
 
-TEST_F(StorageTest, StoreRefusesArgumentsBeforeTakingTheLock) {
-  const std::tuple<const char*, int, int, std::string> cases[] = {
-      {nullptr, 1, -2, "SSL_cert_store: Invalid EFS file name \n"},
-      {"dev", 9, -1, "SSL_cert_store: Invalid abs path for the file name:dev type:9"}};
-  for (const auto& [name, type, expected, message] : cases) {
-    LogCapture log;
-    EXPECT_EQ(SSL_cert_store(name, kind(type), "abc", 3, false), expected) << message;
-    EXPECT_TRUE(log.has(message, kError) && store_lock_is_free()) << message;
-  }
-}
-
-// A failed write is reported at each step, writes nothing and leaves ssl_mutex held, so every
-// later store waits for it.
-TEST_F(StorageTest, FailedWriteLeavesTheLockHeld) {
-  ASSERT_EQ(mount_tmpfs(kCerts, "size=64k"), "");
-  ASSERT_EQ(remount_read_only(kCerts), "");
-  LogCapture log;
-  EXPECT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "abc", 3, false), -1);
-  EXPECT_TRUE(log.has("Error in opening " + kCerts + "dev\n", kError) &&
-              log.has("SSL_cert_store: storing Encrypted certificate in EFS failed!\n", kError) &&
-              log.has("Failed to write cert file to file location\n", kError));
-  EXPECT_FALSE(exists(kCerts + "dev") || store_lock_is_free());
-  lock_held_on_purpose_ = true;
-}
-
 long open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-class ListTest : public StorageTest {
- protected:
-  void SetUp() override {
-    StorageTest::SetUp();
-    std::memset(&list_, '#', sizeof list_);
-  }
-  bool untouched(int slot) const { return std::string(list_.name[slot], 64) == std::string(64, '#'); }
-  kora_Net_SSL_Cert_List_t list_;
-};
-
-TEST_F(ListTest, ListsRegularFilesOfOneKindOnlyCutToTen) {
-  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list_), 0);
+TEST_F(StorageTest, ListsRegularFilesOfOneKindOnlyCutToTenOrRefusesWithItsCodeAndMessage) {
+  kora_Net_SSL_Cert_List_t list;
+  std::memset(&list, '#', sizeof list);
+  const auto untouched = [&](int slot) { return std::string(list.name[slot], 64) == std::string(64, '#'); };
+  EXPECT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list), 0);
   EXPECT_TRUE(untouched(0));
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "c", 1, false), 0);
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, "k", 1, true), 0);  // never listed
@@ -126,10 +113,10 @@ TEST_F(ListTest, ListsRegularFilesOfOneKindOnlyCutToTen) {
   const std::string name63(63, 'x');
   write_plain(kCerts + name63);
   LogCapture log;
-  ASSERT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list_), 2);
-  EXPECT_EQ((std::set<std::string>{list_.name[0], list_.name[1]}), (std::set<std::string>{"dev", name63}));
+  ASSERT_EQ(SSL_cert_name_list(KORA_NET_SSL_CERTIFICATE_E, &list), 2);
+  EXPECT_EQ((std::set<std::string>{list.name[0], list.name[1]}), (std::set<std::string>{"dev", name63}));
   EXPECT_TRUE(untouched(2));
-  EXPECT_TRUE(log.has("SSL_cert_load filepath " + std::string(list_.name[1]) + " num_files1", kHigh));
+  EXPECT_TRUE(log.has("SSL_cert_load filepath " + std::string(list.name[1]) + " num_files1", kHigh));
   // Twelve stored names are cut to ten.
   std::set<std::string> stored;
   for (int i = 0; i < 12; ++i) {
@@ -138,15 +125,12 @@ TEST_F(ListTest, ListsRegularFilesOfOneKindOnlyCutToTen) {
     stored.insert(name);
   }
   const long before = open_descriptors();
-  ASSERT_EQ(SSL_cert_name_list(KORA_NET_SSL_PSK_TABLE_E, &list_), 10);
-  const std::set<std::string> listed(std::begin(list_.name), std::end(list_.name));
+  ASSERT_EQ(SSL_cert_name_list(KORA_NET_SSL_PSK_TABLE_E, &list), 10);
+  const std::set<std::string> listed(std::begin(list.name), std::end(list.name));
   EXPECT_EQ(listed.size(), 10u);
   EXPECT_TRUE(std::includes(stored.begin(), stored.end(), listed.begin(), listed.end()));
   EXPECT_TRUE(open_descriptors() == before && store_lock_is_free());
-}
-
-// Refusals: result, message and level, and the directory handle left open (if any).
-TEST_F(ListTest, RefusesWithItsCodeAndMessage) {
+  // Refusals: result, message and level, and the directory handle left open (if any).
   ASSERT_EQ(SSL_cert_store("a_valid_name", KORA_NET_SSL_CA_LIST_E, "c", 1, false), 0);
   write_plain(kCaLists + std::string(64, 'z'));
   ASSERT_EQ(::rmdir((kStoreRoot + "di_certs/").c_str()), 0);
@@ -158,15 +142,15 @@ TEST_F(ListTest, RefusesWithItsCodeAndMessage) {
     uint32_t mask;
     int left_open;
   } cases[] = {{2, nullptr, -2, "Cert List is Null. \n", kError, 0},
-               {5, &list_, -2, "Invalid Cert Type: 5", kHigh, 0},
-               {4, &list_, -1, "Opening folder failed\n", kError, 0},
-               {2, &list_, -2, "SSL_cert_load KORA_ERR_INVALID_PARAM \n", kError, 1}};
+               {5, &list, -2, "Invalid Cert Type: 5", kHigh, 0},
+               {4, &list, -1, "Opening folder failed\n", kError, 0},
+               {2, &list, -2, "SSL_cert_load KORA_ERR_INVALID_PARAM \n", kError, 1}};
   for (const auto& c : cases) {
-    const long before = open_descriptors();
-    LogCapture log;
+    const long fds = open_descriptors();
+    log.clear();
     EXPECT_EQ(SSL_cert_name_list(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.list), c.expected);
     EXPECT_TRUE(log.has(c.message, c.mask) && store_lock_is_free()) << c.message;
-    EXPECT_EQ(open_descriptors() - before, c.left_open) << c.message;
+    EXPECT_EQ(open_descriptors() - fds, c.left_open) << c.message;
   }
 }
 
