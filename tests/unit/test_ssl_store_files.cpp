@@ -1,27 +1,21 @@
 // Names to paths and the whole files behind them: path resolution and its limits, existence
 // tests, reading, writing and deleting whole files, and the removal of bound session files.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "file_bytes.h"
-#include "log_capture.h"
-#include "ssl_store.h"
 #include "ssl_store_layout.h"
+#include "storage_fixture.h"
 #include "subprocess.h"
 
 namespace kora::test {
 
-const std::string k63(63, 'n'), k64(64, 'n'), kCerts = "/data/data_velto/.ssl/certs/";
-const std::string kKey = "/data/data_velto/.ssl/private_keys/k";
-const std::string kDir = "/data/data_velto/", kSessions = "/data/data_velto/.ssl/sessions/";
+const std::string k63(63, 'n'), k64(64, 'n');
+const std::string kKey = kStoreRoot + "private_keys/k", kDir = "/data/data_velto/";
 
 struct PathCase {
   const char* label;
@@ -33,39 +27,34 @@ struct PathCase {
   const char* message;  // the one message logged, at `mask`, or null
   uint32_t mask;
 };
-std::ostream& operator<<(std::ostream& os, const PathCase& r) { return os << r.label; }
-
-class CertPath : public testing::TestWithParam<PathCase> {};
-
-TEST_P(CertPath, ResolvesOrRefuses) {
-  const PathCase& c = GetParam();
-  LogCapture log;
-  char buffer[512] = "untouched";
-  EXPECT_EQ(c.rc, SSL_cert_get_abs_path(c.name.c_str(), static_cast<kora_Net_SSL_Cert_Type_t>(c.type), buffer,
-                                        c.max_len, c.key));
-  EXPECT_EQ(c.path.empty() ? "untouched" : c.path, buffer);
-  // The kind's directory: null exactly for the resolver's invalid type, else the path's start.
-  const char* dir = ssl_store_kind_dir(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.key);
-  EXPECT_TRUE((c.rc == -2) == (dir == nullptr) && (c.path.empty() || c.path.rfind(dir, 0) == 0)) << c.path;
-  ASSERT_EQ(c.message != nullptr ? 1u : 0u, log.messages().size());
-  if (c.message != nullptr) {
-    const auto m = log.messages()[0];
-    EXPECT_EQ(
-        std::make_tuple(std::string(c.message), c.mask, 65, std::string("%s"), std::string("ssl_store")),
-        std::make_tuple(m.text, m.mask, static_cast<int>(m.ss_id), m.fmt, m.fname));
-  }
-}
 
 const char* const kLength = "Invalid EFS length";
 const char* const kType = "SSL_cert_get_abs_path: Invalid type\n";
-INSTANTIATE_TEST_SUITE_P(Table, CertPath,
-                         testing::Values(PathCase{"max63", k63, 1, 92, false, 0, kCerts + k63, nullptr, 0},
-                                         PathCase{"max63short", k63, 1, 91, false, -1, "", kLength, kError},
-                                         PathCase{"name64", k64, 1, 512, false, -1, "", kLength, kError},
-                                         PathCase{"keyType7", "k", 7, 512, true, 0, kKey, nullptr, 0},
-                                         PathCase{"type5", "x", 5, 512, false, -2, "", kType, kHigh}));
+const PathCase kPathCases[] = {{"max63", k63, 1, 92, false, 0, kCerts + k63, nullptr, 0},
+                               {"max63short", k63, 1, 91, false, -1, "", kLength, kError},
+                               {"name64", k64, 1, 512, false, -1, "", kLength, kError},
+                               {"keyType7", "k", 7, 512, true, 0, kKey, nullptr, 0},
+                               {"type5", "x", 5, 512, false, -2, "", kType, kHigh}};
 
-TEST(Paths, SessionPathAndExistenceChecks) {
+TEST(Paths, ResolvesOrRefusesSessionPathAndExistenceChecks) {
+  for (const PathCase& c : kPathCases) {
+    SCOPED_TRACE(c.label);
+    LogCapture log;
+    char buffer[512] = "untouched";
+    EXPECT_EQ(c.rc, SSL_cert_get_abs_path(c.name.c_str(), static_cast<kora_Net_SSL_Cert_Type_t>(c.type),
+                                          buffer, c.max_len, c.key));
+    EXPECT_EQ(c.path.empty() ? "untouched" : c.path, buffer);
+    // The kind's directory: null exactly for the resolver's invalid type, else the path's start.
+    const char* dir = ssl_store_kind_dir(static_cast<kora_Net_SSL_Cert_Type_t>(c.type), c.key);
+    EXPECT_TRUE((c.rc == -2) == (dir == nullptr) && (c.path.empty() || c.path.rfind(dir, 0) == 0)) << c.path;
+    ASSERT_EQ(c.message != nullptr ? 1u : 0u, log.messages().size());
+    if (c.message != nullptr) {
+      const auto m = log.messages()[0];
+      EXPECT_EQ(
+          std::make_tuple(std::string(c.message), c.mask, 65, std::string("%s"), std::string("ssl_store")),
+          std::make_tuple(m.text, m.mask, static_cast<int>(m.ss_id), m.fmt, m.fname));
+    }
+  }
   LogCapture log;
   char buffer[128];
   EXPECT_EQ(-1, SSL_session_get_abs_path(k63.c_str(), buffer, 94));
@@ -94,7 +83,7 @@ TEST(Paths, SessionPathAndExistenceChecks) {
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneAndDeleteRemoves) {
+TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneDeleteRemovesAndBoundSessionsGoByPrefix) {
   LogCapture log;
   for (const std::string& bytes : {std::string(), std::string("a\0b", 3)}) {
     spill(kDir + "f", bytes);
@@ -125,6 +114,28 @@ TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneAndDeleteRemoves) {
   EXPECT_TRUE(log.has("Unable to delete the file\n", kError));
   EXPECT_EQ(-2, ssl_store_delete_file(nullptr));
   EXPECT_TRUE(log.has("ssl_store_delete_file: Invalid file name \n", kError));
+  // Removal of bound session files by prefix.
+  ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/sessions"));
+  // A 254-byte name (the longest JFFS2 allows) whose full path is cut at 256 bytes: not reached.
+  const std::string l245(245, 'l');
+  // A name of 65536 + 247 bytes counts as 247 in 16 bits: its 255-byte file is one byte short of
+  // the bound, so it is passed over and the 224-byte name its cut path would unlink stays.
+  std::string wrapped = std::string(247, 'w') + ".session";
+  wrapped.resize(65536 + 247, 'w');
+  const std::vector<std::string> removed = {"abc_.session", "abc_1.timestamp", "abc_def_7.session"};
+  const std::vector<std::string> kept = {"abc_xyzuvw.der",   "abcd_1.session",       "abc.session",
+                                         l245 + "_.session", wrapped.substr(0, 255), std::string(224, 'w')};
+  for (const auto& name : removed) spill(kSessions + name, "s");
+  std::vector<std::string> made;  // JFFS2 refuses the 255-byte name
+  for (const auto& name : kept) {
+    spill(kSessions + name, "s");
+    if (exists(kSessions + name)) made.push_back(name);
+  }
+  for (const auto& name : {std::string("abc"), l245, wrapped}) {
+    ssl_store_delete_binded_session_files(name.c_str(), KORA_NET_SSL_CERTIFICATE_E);
+  }
+  for (const auto& name : removed) EXPECT_FALSE(exists(kSessions + name)) << name;
+  for (const auto& name : made) EXPECT_TRUE(exists(kSessions + name)) << name;
 }
 
 // Leaves no free stretch of address space of 64 MiB or more. User-mode emulators ignore
@@ -164,30 +175,6 @@ TEST(Files, NoMemoryLeavesFileOpen) {
                          ? 0
                          : 1;
             }));
-}
-
-TEST(Files, BoundSessionFilesRemovedByPrefix) {
-  ASSERT_EQ(0, system("mkdir -p /data/data_velto/.ssl/sessions"));
-  // A 254-byte name (the longest JFFS2 allows) whose full path is cut at 256 bytes: not reached.
-  const std::string l245(245, 'l');
-  // A name of 65536 + 247 bytes counts as 247 in 16 bits: its 255-byte file is one byte short of
-  // the bound, so it is passed over and the 224-byte name its cut path would unlink stays.
-  std::string wrapped = std::string(247, 'w') + ".session";
-  wrapped.resize(65536 + 247, 'w');
-  const std::vector<std::string> removed = {"abc_.session", "abc_1.timestamp", "abc_def_7.session"};
-  const std::vector<std::string> kept = {"abc_xyzuvw.der",   "abcd_1.session",       "abc.session",
-                                         l245 + "_.session", wrapped.substr(0, 255), std::string(224, 'w')};
-  for (const auto& name : removed) spill(kSessions + name, "s");
-  std::vector<std::string> made;  // JFFS2 refuses the 255-byte name
-  for (const auto& name : kept) {
-    spill(kSessions + name, "s");
-    if (exists(kSessions + name)) made.push_back(name);
-  }
-  for (const auto& name : {std::string("abc"), l245, wrapped}) {
-    ssl_store_delete_binded_session_files(name.c_str(), KORA_NET_SSL_CERTIFICATE_E);
-  }
-  for (const auto& name : removed) EXPECT_FALSE(exists(kSessions + name)) << name;
-  for (const auto& name : made) EXPECT_TRUE(exists(kSessions + name)) << name;
 }
 
 }  // namespace kora::test
