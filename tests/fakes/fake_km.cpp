@@ -7,13 +7,11 @@
 namespace kora::fake {
 Generate generate = Generate::kOk;
 Crypt seal = Crypt::kOk, unseal = Crypt::kOk;
-int generate_calls = 0;
 }  // namespace kora::fake
 
 using namespace kora::fake;
 
 extern "C" int ssl_KM_TA_crypto_services_generate_keyblob(uint8_t** keyblob, size_t* keyblob_len) {
-  ++generate_calls;
   if (generate == Generate::kFail) {
     return -1;
   }
