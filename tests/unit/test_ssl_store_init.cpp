@@ -1,29 +1,19 @@
 // Start-up and sealing at rest: the store's tree, the key material (key blob and nonce)
 // provisioned into it once, and the sealed files written and read with that material.
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "fakes.h"
 #include "file_bytes.h"
-#include "heap_watch.h"
-#include "log_capture.h"
-#include "ssl_store.h"
 #include "ssl_store_internal.h"
 #include "ssl_store_layout.h"
-#include "ssl_util.h"
+#include "storage_fixture.h"
 
 namespace kora::test {
 
 namespace fs = std::filesystem;
 
-const std::string kBlobPath = "/data/data_velto/.ssl/keyblob/takey.blob";
-const std::string kNoncePath = "/data/data_velto/.ssl/keyblob/takey.nonce";
+const std::string kBlobPath = kStoreRoot + "keyblob/takey.blob",
+                  kNoncePath = kStoreRoot + "keyblob/takey.nonce";
 const std::string kSuccess = "SSL_cert_store: Successfully genereated Keyblob";
 
 const std::vector<std::string> kTree = {"",           "certs/",        "ca_lists/", "di_certs/",
@@ -40,9 +30,9 @@ TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
     EXPECT_EQ(ok ? 0 : -1, ssl_store_init());
     std::vector<std::string> commands;
     for (const auto& dir : kTree) {
-      EXPECT_TRUE(fs::is_directory("/data/data_velto/.ssl/" + dir)) << dir;
-      EXPECT_EQ("/data/data_velto/.ssl/" + dir, ssl_store_layout_dir(commands.size()));  // same order
-      const std::string command = "mkdir /data/data_velto/.ssl/" + dir;
+      EXPECT_TRUE(fs::is_directory(kStoreRoot + dir)) << dir;
+      EXPECT_EQ(kStoreRoot + dir, ssl_store_layout_dir(commands.size()));  // same order
+      const std::string command = "mkdir " + kStoreRoot + dir;
       commands.push_back(command + "|" + std::to_string(command.size()));
     }
     EXPECT_TRUE(commands == kora::fake::shell_calls && ssl_store_layout_dir(kTree.size()) == nullptr);
@@ -68,11 +58,11 @@ TEST(StoreInit, MissingRootIsHighLevelAndBlockedDirectoryStops) {
   const char* const kWhat[] = {"SSL",     "Certs",        "CA lists", "DI certs",
                                "PSK key", "Private keys", "Sessions", "Keyblob"};
   for (size_t i = 0; i < kTree.size(); ++i) {
-    const fs::path dir = fs::path("/data/data_velto/.ssl/" + kTree[i]).parent_path();
+    const fs::path dir = fs::path(kStoreRoot + kTree[i]).parent_path();
     fs::create_symlink("/nowhere", dir);
     EXPECT_EQ(-1, ssl_store_init()) << dir;
     EXPECT_TRUE(log.has(kWhat[i] + std::string(" directory unavailable \n"), kError)) << dir;
-    EXPECT_TRUE(i + 1 == kTree.size() || !fs::exists("/data/data_velto/.ssl/" + kTree[i + 1])) << dir;
+    EXPECT_TRUE(i + 1 == kTree.size() || !fs::exists(kStoreRoot + kTree[i + 1])) << dir;
     fs::remove(dir);
     fs::create_directory(dir);
   }

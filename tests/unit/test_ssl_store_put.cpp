@@ -3,7 +3,6 @@
 // what it skips, what fails it whole, and the directory handle each path leaves behind.
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <set>
 #include <tuple>
 
