@@ -125,35 +125,6 @@ INSTANTIATE_TEST_SUITE_P(
         LoadRow{"CaListPemLoaded", 2, "cas", 1, false, 0, "Temp file removed successfully\n", H, "", false,
                 "removed", 2}));
 
-struct IdRow {
-  const char* label;
-  certgen::CertSpec spec;  // subject and alternative names
-  int status, type;        // type 0: no identifier set
-  std::string name;
-  bool alt_names_searched;  // the high-level message before the search
-};
-std::ostream& operator<<(std::ostream& os, const IdRow& r) { return os << r.label; }
-
-class Identifier : public ::testing::TestWithParam<IdRow> {};
-
-TEST_P(Identifier, FollowsTheRules) {
-  const IdRow& row = GetParam();
-  kora_Net_SSL_Identifier_t id{};
-  LogCapture log;
-  EXPECT_EQ(store::work_out_identifier(certgen::make_self_signed(row.spec).cert.get(), &id), row.status);
-  EXPECT_EQ(static_cast<int>(id.identifier_Type), row.type);
-  EXPECT_EQ(std::string(id.identifier_Name), row.name);
-  EXPECT_EQ(log.has("SSL_cert_load_get_identifier: Cert load and Got the Identifier \n", kHigh),
-            row.alt_names_searched);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Identifier,
-    ::testing::Values(
-        IdRow{"FirstCn", {{{"CN", "dev"}, {"CN", "two"}}, {{GEN_DNS, "d.test"}}}, 0, 1, "dev", false},
-        IdRow{"EmailThenUri", {{}, {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:d"}}}, 0, 4, "urn:d", true},
-        IdRow{"NulDns", {{}, {{GEN_DNS, std::string("a\0b", 3)}, {GEN_URI, "urn:d"}}}, -1, 0, "", true}));
-
 struct EntryRow {
   const char* label;
   ssl_obj_hdl_t hdl;  // 1: the fixture's object
@@ -199,8 +170,31 @@ INSTANTIATE_TEST_SUITE_P(Rows, Entry,
                                            EntryRow{"NoIdentifierStillAttached", 1, 2, -1, "", {0}, true},
                                            EntryRow{"Pem", 1, 1, 0, "", {0}, true}));
 
-// The second certificate takes index 1; the first is not freed here (the object layer owns it).
-TEST_F(LoadingTest, SecondIdentityReplacesAttachedCertificate) {
+struct IdRow {
+  const char* label;
+  certgen::CertSpec spec;  // subject and alternative names
+  int status, type;        // type 0: no identifier set
+  std::string name;
+  bool alt_names_searched;  // the high-level message before the search
+};
+const IdRow kIdRows[] = {
+    {"FirstCn", {{{"CN", "dev"}, {"CN", "two"}}, {{GEN_DNS, "d.test"}}}, 0, 1, "dev", false},
+    {"EmailThenUri", {{}, {{GEN_EMAIL, "a@b.test"}, {GEN_URI, "urn:d"}}}, 0, 4, "urn:d", true},
+    {"NulDns", {{}, {{GEN_DNS, std::string("a\0b", 3)}, {GEN_URI, "urn:d"}}}, -1, 0, "", true}};
+
+// The identifier follows the rules. The second certificate takes index 1; the first is not
+// freed here (the object layer owns it).
+TEST_F(LoadingTest, IdentifierFollowsTheRulesAndSecondIdentityReplacesAttachedCertificate) {
+  for (const IdRow& row : kIdRows) {
+    SCOPED_TRACE(row.label);
+    kora_Net_SSL_Identifier_t id{};
+    LogCapture log;
+    EXPECT_EQ(store::work_out_identifier(certgen::make_self_signed(row.spec).cert.get(), &id), row.status);
+    EXPECT_EQ(static_cast<int>(id.identifier_Type), row.type);
+    EXPECT_EQ(std::string(id.identifier_Name), row.name);
+    EXPECT_EQ(log.has("SSL_cert_load_get_identifier: Cert load and Got the Identifier \n", kHigh),
+              row.alt_names_searched);
+  }
   const auto first = certgen::make_self_signed({}), second = certgen::make_self_signed({});
   put("a", KORA_NET_SSL_DI_CERT_E, first.cert_pem());
   put("b", KORA_NET_SSL_DI_CERT_E, second.cert_pem());
