@@ -104,24 +104,6 @@ struct WalkRow {
   std::string identity, key;      // identity buffer (up to its first zero) and key returned
   std::vector<std::string> logs;  // in order, from the hint message on
 };
-std::ostream& operator<<(std::ostream& os, const WalkRow& r) { return os << r.label; }
-
-class Walk : public PskTest, public ::testing::WithParamInterface<WalkRow> {};
-
-TEST_P(Walk, ChoosesEntryAndLogs) {
-  const WalkRow& row = GetParam();
-  install(row.table);
-  LogCapture log;
-  ASSERT_EQ(call(row.hint, row.max_id, row.max_psk), row.result);
-  EXPECT_EQ(std::string(identity_.c_str()), row.identity);
-  EXPECT_EQ(psk_.substr(0, row.result), row.key);
-  EXPECT_EQ(psk_[row.max_psk], '\xAA') << "byte past the declared key room written";
-  if (row.result < row.max_psk) {
-    EXPECT_EQ(psk_[row.result], '\0') << "a key shorter than its room is not terminated";
-  }
-  EXPECT_EQ(log.texts(), row.logs);
-}
-
 const std::string kKeyOf256(256, 'K');
 WalkRow W(const char* label, PskEntries table, const char* hint, unsigned max_id, unsigned max_psk,
           unsigned result, const char* identity, std::string key, std::vector<std::string> logs) {
@@ -129,23 +111,34 @@ WalkRow W(const char* label, PskEntries table, const char* hint, unsigned max_id
 }
 
 const char* const kNullHint = "NULL received PSK identity hint, continuing anyway\n";
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Walk,
-    ::testing::Values(
-        W("NullHintTakesFirstThatFits", {{"longer-id", "k1"}, {"id2", "k2"}}, nullptr, 4, 64, 2, "id2", "k2",
-          {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
-           "created identity 'id2'\n"}),
-        W("KeyFillingRoomAccepted", {{"id", kKeyOf256}}, nullptr, 16, 256, 256, "id", kKeyOf256,
-          {kNullHint, "created identity 'id'\n"}),
-        // After a key too big for the room the cursor stays on its length field: the next pass reads
-        // 00 05 as an identity length, the key bytes as identity, and the next entry's identity as key.
-        W("MisalignedWalkAfterTooBigKey", {{"a", "ABCDE"}, {"bb", "k2"}}, nullptr, 16, 4, 2, "ABCDE", "bb",
-          {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
-           "created identity 'ABCDE'\n"})));
+const WalkRow kWalks[] = {
+    W("NullHintTakesFirstThatFits", {{"longer-id", "k1"}, {"id2", "k2"}}, nullptr, 4, 64, 2, "id2", "k2",
+      {kNullHint, "Max identify size from openssl:4 > identify size of UE:9, can't use",
+       "created identity 'id2'\n"}),
+    W("KeyFillingRoomAccepted", {{"id", kKeyOf256}}, nullptr, 16, 256, 256, "id", kKeyOf256,
+      {kNullHint, "created identity 'id'\n"}),
+    // After a key too big for the room the cursor stays on its length field: the next pass reads
+    // 00 05 as an identity length, the key bytes as identity, and the next entry's identity as key.
+    W("MisalignedWalkAfterTooBigKey", {{"a", "ABCDE"}, {"bb", "k2"}}, nullptr, 16, 4, 2, "ABCDE", "bb",
+      {kNullHint, "created identity 'a'\n", "Max key size from openssl:4 > key size of UE:5, can't use",
+       "created identity 'ABCDE'\n"})};
 
-// The replaced table goes back unwiped (kept as shipped); reading, the callback and freeing the
-// object leave no key.
-TEST_F(PskTest, SecondLoadReplacesTableMissingFileKeepsItFreeWipesIt) {
+// The callback's walk through each table of rows; then the replaced table goes back unwiped (kept
+// as shipped), and reading, the callback and freeing the object leave no key.
+TEST_F(PskTest, WalkChoosesEntryAndLogsSecondLoadReplacesTableMissingFileKeepsItFreeWipesIt) {
+  for (const WalkRow& row : kWalks) {
+    SCOPED_TRACE(row.label);
+    install(row.table);
+    LogCapture log;
+    ASSERT_EQ(call(row.hint, row.max_id, row.max_psk), row.result);
+    EXPECT_EQ(std::string(identity_.c_str()), row.identity);
+    EXPECT_EQ(psk_.substr(0, row.result), row.key);
+    EXPECT_EQ(psk_[row.max_psk], '\xAA') << "byte past the declared key room written";
+    if (row.result < row.max_psk) {
+      EXPECT_EQ(psk_[row.result], '\0') << "a key shorter than its room is not terminated";
+    }
+    EXPECT_EQ(log.texts(), row.logs);
+  }
   const std::string one_key = "0f1e2d3c4b5a69788796a5b4c3d2e1f0", two_key = "22";
   ASSERT_TRUE(heap::watching());
   heap::watch_secrets({one_key});
