@@ -138,16 +138,6 @@ TEST(Files, ReadWriteWholeFileOrLeaveOutputsAloneDeleteRemovesAndBoundSessionsGo
   for (const auto& name : made) EXPECT_TRUE(exists(kSessions + name)) << name;
 }
 
-// Leaves no free stretch of address space of 64 MiB or more. User-mode emulators ignore
-// RLIMIT_AS, and a 32-bit address space is quickly filled with inaccessible mappings.
-void fill_address_space() {
-  for (size_t size = size_t{1} << 30; size >= (size_t{64} << 20);) {
-    if (mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) == MAP_FAILED) {
-      size /= 2;
-    }
-  }
-}
-
 // The allocation failure keeps its file open. A child without 512 MiB of address space to spare
 // makes the 1 GiB allocation fail.
 TEST(Files, NoMemoryLeavesFileOpen) {
@@ -156,8 +146,15 @@ TEST(Files, NoMemoryLeavesFileOpen) {
   std::filesystem::resize_file(path, 1 << 30);  // sparse on tmpfs
   EXPECT_EQ(0, in_child([&] {
               LogCapture log;
+              // Leaves no free stretch of address space of 64 MiB or more. User-mode emulators ignore
+              // RLIMIT_AS, and a 32-bit address space is quickly filled with inaccessible mappings.
               if (sizeof(void*) == 4) {
-                fill_address_space();
+                for (size_t size = size_t{1} << 30; size >= (size_t{64} << 20);) {
+                  if (mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) ==
+                      MAP_FAILED) {
+                    size /= 2;
+                  }
+                }
               } else {
                 const rlimit limit{512u << 20, 512u << 20};
                 setrlimit(RLIMIT_AS, &limit);
