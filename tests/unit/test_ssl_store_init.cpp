@@ -22,11 +22,11 @@ const std::vector<std::string> kTree = {"",           "certs/",        "ca_lists
 // Root up to sessions/ stay open; keyblob/ is closed only when provisioning succeeds (9 + 8).
 // Each directory comes from one "mkdir" command, passed with its exact length.
 TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
-  for (const auto generate : {kora::fake::Generate::kFail, kora::fake::Generate::kOk}) {
-    kora::fake::generate = generate;
-    kora::fake::shell_calls.clear();
+  for (const auto generate : {fake::Generate::kFail, fake::Generate::kOk}) {
+    fake::generate = generate;
+    fake::shell_calls.clear();
     LogCapture log;
-    const bool ok = generate == kora::fake::Generate::kOk;
+    const bool ok = generate == fake::Generate::kOk;
     EXPECT_EQ(ok ? 0 : -1, ssl_store_init());
     std::vector<std::string> commands;
     for (const auto& dir : kTree) {
@@ -35,7 +35,7 @@ TEST(StoreInit, BuildsTreeAndLeavesDirectoriesOpen) {
       const std::string command = "mkdir " + kStoreRoot + dir;
       commands.push_back(command + "|" + std::to_string(command.size()));
     }
-    EXPECT_TRUE(commands == kora::fake::shell_calls && ssl_store_layout_dir(kTree.size()) == nullptr);
+    EXPECT_TRUE(commands == fake::shell_calls && ssl_store_layout_dir(kTree.size()) == nullptr);
     EXPECT_EQ(ok, fs::exists(kBlobPath));
     size_t open = 0;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -146,13 +146,11 @@ INSTANTIATE_TEST_SUITE_P(
                                true},
                     FailureRow{"NonceNoMemory", 4, "Allocating memory for nonce buffer failed!", false, -3}));
 
-using kora::fake::Crypt;
-
 const char* const kPath = "/data/data_velto/.ssl/certs/dev";
 
 struct Fault {
   const char* label;
-  Crypt mode;
+  fake::Crypt mode;
   int file;  // 0/1: write to kPath/into a missing directory; read 2: a zero-byte file, 3: kPath, 4: null
   std::string out;   // printed on standard output, not logged
   std::string text;  // the last message logged
@@ -167,7 +165,7 @@ TEST_P(SealFault, ReportsAndCleansUp) {
   const Fault& f = GetParam();
   ASSERT_EQ(0, provide());
   std::ofstream(kPath, std::ios::binary) << (f.file == 3 ? "FKSLplain" : "");
-  (f.file == 3 ? kora::fake::unseal : kora::fake::seal) = f.mode;
+  (f.file == 3 ? fake::unseal : fake::seal) = f.mode;
   log_.clear();
   testing::internal::CaptureStdout();
   void* buffer = f.file == 2 ? std::malloc(16) : nullptr;  // from an earlier call
@@ -185,18 +183,18 @@ TEST_P(SealFault, ReportsAndCleansUp) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, SealFault,
-    testing::Values(Fault{"SealFails", Crypt::kFail, 0,
+    testing::Values(Fault{"SealFails", fake::Crypt::kFail, 0,
                           "ssl_store_cert_write_encrypt_to_file: Certificate encrypt error \n", ""},
-                    Fault{"NoSealedBytes", Crypt::kNoOutput, 0,
+                    Fault{"NoSealedBytes", fake::Crypt::kNoOutput, 0,
                           "SSL_cert_store: Key blob is not available !\n", ""},
-                    Fault{"FileWriteFails", Crypt::kOk, 1, "",
+                    Fault{"FileWriteFails", fake::Crypt::kOk, 1, "",
                           "SSL_cert_store: storing Encrypted certificate in EFS failed!\n"},
-                    Fault{"EmptyFile", Crypt::kOk, 2, "",
+                    Fault{"EmptyFile", fake::Crypt::kOk, 2, "",
                           "ssl_store_cert_read_decrypt_from_file: Reading from EFS failed failed! \n"},
-                    Fault{"UnsealFails", Crypt::kFail, 3, "",
+                    Fault{"UnsealFails", fake::Crypt::kFail, 3, "",
                           "ssl_store_cert_read_decrypt_from_file: Certificate decryption error \n"},
-                    Fault{"NoPlainBytes", Crypt::kNoOutput, 3, "",
+                    Fault{"NoPlainBytes", fake::Crypt::kNoOutput, 3, "",
                           "SSL_cert_store:  Certificate decryption buffer is empty !\n"},
-                    Fault{"NullName", Crypt::kOk, 4, "", "Invalid parameters\n"}));
+                    Fault{"NullName", fake::Crypt::kOk, 4, "", "Invalid parameters\n"}));
 
 }  // namespace kora::test
