@@ -103,7 +103,7 @@ class Cli : public ::testing::Test {
   }
 };
 
-TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
+TEST_F(Cli, StoresListsSortedPastTenConvertsAndRemovesEveryKindSealedAtRest) {
   Result r = cli("init");
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("new key material provisioned"), std::string::npos);
@@ -136,6 +136,16 @@ TEST_F(Cli, StoresListsConvertsAndRemovesEveryKindSealedAtRest) {
   cli_all({"rm cert srv", "rm ca roots", "rm di ident", "rm psk lab", "rm psk notes"});
   EXPECT_FALSE(fs::exists(kStore + "private_keys/srv"));
   EXPECT_EQ(cli("ls").out, "");
+  // Every name is listed, sorted, beyond the store's ten.
+  std::string expected;  // stored last to first, listed first to last
+  for (int i = 111; i >= 100; --i) {
+    ASSERT_EQ(cli("put ca r" + std::to_string(i) + " ca.pem").code, 0);
+    expected.insert(0, "ca   r" + std::to_string(i) + "\n");
+  }
+  spill(kStore + "ca_lists/evil\x1b[2J\n", "x");  // planted by hand: reaches the terminal escaped
+  expected.insert(0, "ca   evil\\x1b[2J\\x0a\n");
+  EXPECT_EQ(cli("ls ca").out, expected);
+  EXPECT_EQ(cli("ls").out, expected);
 }
 
 const char* const kP256 = "-algorithm EC -pkeyopt ec_paramgen_curve:P-256";
@@ -233,20 +243,7 @@ TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
   expect_handshake("--cert bag", "--ca root");  // trusted by the root alone: the stored chain is sent
 }
 
-TEST_F(Cli, ListsEveryNameSortedBeyondTheStoresTen) {
-  ASSERT_EQ(cli("init").code, 0);
-  std::string expected;  // stored last to first, listed first to last
-  for (int i = 111; i >= 100; --i) {
-    ASSERT_EQ(cli("put ca r" + std::to_string(i) + " ca.pem").code, 0);
-    expected.insert(0, "ca   r" + std::to_string(i) + "\n");
-  }
-  spill(kStore + "ca_lists/evil\x1b[2J\n", "x");  // planted by hand: reaches the terminal escaped
-  expected.insert(0, "ca   evil\\x1b[2J\\x0a\n");
-  EXPECT_EQ(cli("ls ca").out, expected);
-  EXPECT_EQ(cli("ls").out, expected);
-}
-
-TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOther) {
+TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOtherPastAnIdleClient) {
   provision();
   const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
   Result r = cli("show cert srv");
@@ -267,6 +264,14 @@ TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOther) {
   EXPECT_NE(client.find("test-server"), std::string::npos) << client;
   EXPECT_NE(server.find("test-client"), std::string::npos) << server;
   EXPECT_NE(server.find("verification:  ok"), std::string::npos) << server;
+  // Another process: a client that connects and sends nothing holds the server only until its
+  // handshake times out (10 s by default); the next client is served.
+  int port = 0;
+  auto busy = serve("--cert srv", &port);
+  const int idle = connect_loopback(port);
+  r = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
+  ::close(idle);
+  EXPECT_EQ(r.code, 0) << r.err;
 }
 
 // A key born on the device: sealed at once, listed while it waits, and joined by the
@@ -459,9 +464,9 @@ const Planted kPlants[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Files, CliPlanted, ::testing::ValuesIn(kPlants), kLabel);
 
-// Another user: whatever the umask, nothing in the tree is open to them, and init closes a
-// tree an older version left open.
-TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
+// Another user: whatever the umask, nothing in the tree is open to them, init closes a tree an
+// older version left open, and a link they plant is never written through.
+TEST_F(Cli, AnotherUserCanNeitherOpenTheTreeWhateverTheUmaskNorRedirectDer2pemThroughALink) {
   const mode_t saved = ::umask(0);
   ASSERT_EQ(::mkdir(kStore.c_str(), 0755) | ::mkdir((kStore + "ca_lists").c_str(), 0777), 0);
   provision();
@@ -470,19 +475,14 @@ TEST_F(Cli, NothingInTheTreeIsOpenToAnotherUserWhateverTheUmask) {
     EXPECT_EQ(e.status().permissions() & (fs::perms::group_all | fs::perms::others_all), fs::perms::none)
         << e.path();
   }
-  ASSERT_EQ(::seteuid(65534), 0);
-  const int fd = ::open((kStore + "ca_lists/roots").c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_EQ(::seteuid(0), 0);
-  EXPECT_LT(fd, 0) << "another user opened a sealed CA list";
-}
-
-// Another user plants a link where der2pem writes: the link's target is never written.
-TEST_F(Cli, Der2pemNeverWritesThroughALinkAnotherUserPlanted) {
   ASSERT_EQ(::mkdir("/data/shared", 0755) | ::chown("/data/shared", 65534, 65534), 0);
   spill("/data/victim", "precious");
   ASSERT_EQ(::seteuid(65534), 0);
+  const int fd = ::open((kStore + "ca_lists/roots").c_str(), O_RDONLY | O_CLOEXEC);
+  // They plant a link where der2pem writes: the link's target is never written.
   const int planted = ::symlink("/data/victim", "/data/shared/out.pem");
   ASSERT_EQ(::seteuid(0), 0);
+  EXPECT_LT(fd, 0) << "another user opened a sealed CA list";
   ASSERT_EQ(planted, 0);
   const Result r = cli("der2pem server.der /data/shared/out.pem");
   EXPECT_EQ(r.code, 1);
@@ -492,18 +492,6 @@ TEST_F(Cli, Der2pemNeverWritesThroughALinkAnotherUserPlanted) {
   EXPECT_EQ(slurp("/data/victim"), "precious");
   EXPECT_FALSE(fs::is_symlink("/data/shared/out.pem"));
   EXPECT_EQ(slurp("/data/shared/out.pem"), slurp("server.pem"));
-}
-
-// Another process: a client that connects and sends nothing holds the server only until its
-// handshake times out (10 s by default); the next client is served.
-TEST_F(Cli, AnIdleClientDoesNotKeepOthersFromTheServer) {
-  provision();
-  int port = 0;
-  auto server = serve("--cert srv", &port);
-  const int idle = connect_loopback(port);
-  const Result client = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
-  ::close(idle);
-  EXPECT_EQ(client.code, 0) << client.err;
 }
 
 class CliDemoSignal : public Cli, public ::testing::WithParamInterface<int> {};
