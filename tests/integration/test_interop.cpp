@@ -2,7 +2,6 @@
 // "openssl s_server". Server objects meet their peers in test_peers.cpp, through the tool.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
