@@ -373,18 +373,29 @@ struct Demo {
   const char* removed;             // then this path is removed
   int code;
   const char* says;
+  int signal = 0;  // sent once the demo has stored its credentials
 };
 class CliDemo : public Cli, public ::testing::WithParamInterface<Demo> {};
 
-// Whether it passes or refuses, the demo leaves the data root and the key directory as it found them.
+// Whether it passes, refuses or is killed mid-run, the demo leaves the data root and the key
+// directory as it found them.
 TEST_P(CliDemo, LeavesTheHostAsFound) {
-  ASSERT_NO_FATAL_FAILURE(cli_all(GetParam().setup));
-  ASSERT_TRUE(fs::remove(GetParam().removed) || GetParam().removed[0] == '\0');
+  const Demo& row = GetParam();
+  ASSERT_NO_FATAL_FAILURE(cli_all(row.setup));
+  ASSERT_TRUE(fs::remove(row.removed) || row.removed[0] == '\0');
   const auto before = snapshot();
-  const Result r = cli("demo");
-  EXPECT_EQ(r.code, GetParam().code) << r.out << r.err;
-  EXPECT_NE((r.out + r.err).find(GetParam().says), std::string::npos) << r.out << r.err;
-  EXPECT_EQ(r.out.find("[FAIL]"), std::string::npos) << r.out;
+  std::string why;
+  auto demo = Subprocess::start(cli_argv("demo"), &why, "/data/cli.err");
+  ASSERT_NE(demo, nullptr) << why;
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (row.signal != 0 && !fs::exists(kStore + "certs/kora-demo-server") &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);
+  }
+  ASSERT_TRUE(row.signal == 0 || ::kill(demo->pid(), row.signal) == 0);
+  EXPECT_EQ(demo->wait_exit(60s), row.code) << demo->output() << slurp("/data/cli.err");
+  EXPECT_NE((demo->output() + slurp("/data/cli.err")).find(row.says), std::string::npos) << demo->output();
+  EXPECT_EQ(demo->output().find("[FAIL]"), std::string::npos) << demo->output();
   EXPECT_EQ(snapshot(), before);
 }
 
@@ -394,6 +405,9 @@ const Demo kDemos[] = {
     {"existing_store", {"init", "put ca mine ca.pem"}, "", 0, "demo passed"},
     {"root_key_gone", {"init"}, "/data/km/root.key", 1, "root key /data/km/root.key is missing"},
     {"name_taken", {"init", "put ca kora-demo-ca ca.pem"}, "", 1, "already holds CA list 'kora-demo-ca'"},
+    {"sigint_mid_run", {}, "", 128 + SIGINT, "", SIGINT},
+    {"sigterm_mid_run", {}, "", 128 + SIGTERM, "", SIGTERM},
+    {"sighup_mid_run", {}, "", 128 + SIGHUP, "", SIGHUP},
 };
 INSTANTIATE_TEST_SUITE_P(Hosts, CliDemo, ::testing::ValuesIn(kDemos), kLabel);
 
@@ -493,24 +507,6 @@ TEST_F(Cli, AnotherUserCanNeitherOpenTheTreeWhateverTheUmaskNorRedirectDer2pemTh
   EXPECT_FALSE(fs::is_symlink("/data/shared/out.pem"));
   EXPECT_EQ(slurp("/data/shared/out.pem"), slurp("server.pem"));
 }
-
-class CliDemoSignal : public Cli, public ::testing::WithParamInterface<int> {};
-
-// A signal once the demo has stored its credentials: it still removes all it made.
-TEST_P(CliDemoSignal, KilledMidRunLeavesTheHostAsFound) {
-  const auto before = snapshot();
-  std::string why;
-  auto demo = Subprocess::start(cli_argv("demo"), &why, "/data/demo.err");
-  ASSERT_NE(demo, nullptr) << why;
-  const auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (!fs::exists(kStore + "certs/kora-demo-server") && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(1ms);
-  }
-  ASSERT_EQ(::kill(demo->pid(), GetParam()), 0);
-  EXPECT_EQ(demo->wait_exit(30s), 128 + GetParam()) << slurp("/data/demo.err");
-  EXPECT_EQ(snapshot(), before);
-}
-INSTANTIATE_TEST_SUITE_P(Signals, CliDemoSignal, ::testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 }  // namespace
 }  // namespace kora::test
