@@ -34,19 +34,13 @@ struct Exchange {
   std::string server_log;
 };
 
-// The loading tests' started store, plus the objects a case makes and a directory for the tool.
+// The loading tests' started store and client object, plus a directory for the tool.
 class Interop : public LoadingTest {
  protected:
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);  // a peer that hangs up must not end the test process
     ::mkdir("/data/tool", 0700);
     LoadingTest::SetUp();
-  }
-  void TearDown() override {
-    for (ssl_obj_hdl_t hdl : objects_) {
-      ssl_obj_free(hdl);
-    }
-    LoadingTest::TearDown();
   }
 
   static std::string tool_file(const std::string& name, const std::string& content) {
@@ -55,13 +49,6 @@ class Interop : public LoadingTest {
   }
   static std::vector<std::string> cert_args(const Credential& cred) {
     return {"-cert", tool_file("srv.pem", cred.cert_pem()), "-key", tool_file("srv.key", cred.key_pem())};
-  }
-
-  ssl_obj_hdl_t object(ssl_obj_role_t role) {
-    ssl_obj_hdl_t hdl = 0;
-    EXPECT_EQ(ssl_obj_create(role, &hdl), 0);
-    objects_.push_back(hdl);
-    return hdl;
   }
 
   // Starts "openssl s_server -www" with `args` on 127.0.0.1 at a free port for one connection,
@@ -99,7 +86,6 @@ class Interop : public LoadingTest {
 
   const Credential ca_ = issue("interop-ca", nullptr, true);
   const Credential server_ = issue("server.test", &ca_);
-  std::vector<ssl_obj_hdl_t> objects_;
 };
 
 class Versions : public Interop, public ::testing::WithParamInterface<int> {};
@@ -112,17 +98,16 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
   put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.key_pem(), true);
   put("interop-ca", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
-  const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
-  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
-  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, GetParam(), GetParam()), 0);
-  ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
+  ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
+  ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
+  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl_, GetParam(), GetParam()), 0);
+  ASSERT_EQ(ssl_obj_set_server_name(hdl_, "server.test"), 0);
   auto args = cert_args(server_);
   args.insert(args.end(), {"-Verify", "1", "-CAfile", tool_file("ca.pem", ca_.cert_pem()),
                            GetParam() == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"});
   char saved[512] = {};
   int save_rc = -99;
-  const Exchange first = request(hdl, args, [&] { save_rc = ssl_session_save(hdl, saved, sizeof saved); });
+  const Exchange first = request(hdl_, args, [&] { save_rc = ssl_session_save(hdl_, saved, sizeof saved); });
   ASSERT_EQ(first.open_rc, 0);
   EXPECT_EQ(first.info.verify_result, X509_V_OK);
   EXPECT_STREQ(first.info.peer_subject, "/CN=server.test");
@@ -147,10 +132,11 @@ TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCaOrAnotherHostClea
        {std::tuple{&server_, 0, long{X509_V_OK}},
         std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}},
         std::tuple{&other_host, -1, long{X509_V_ERR_HOSTNAME_MISMATCH}}}) {
-    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
-    ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
-    const Exchange ex = request(hdl, cert_args(*presented));
+    ssl_obj_free(hdl_);  // a fresh object for each peer
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
+    ASSERT_EQ(ssl_obj_set_server_name(hdl_, "server.test"), 0);
+    const Exchange ex = request(hdl_, cert_args(*presented));
     EXPECT_EQ(ex.open_rc, open_rc);
     EXPECT_EQ(ex.info.verify_result, verify_result);
     EXPECT_EQ(ex.reply.empty(), open_rc != 0);
@@ -170,15 +156,16 @@ TEST_F(Interop, PskTableEntryIsChosenByTheServersHintOrOfferedFirst) {
        {std::tuple{TLS1_2_VERSION, "beta", keys[1], 0}, std::tuple{TLS1_2_VERSION, "gamma", keys[2], 0},
         std::tuple{TLS1_2_VERSION, "delta", keys[0], -1}, std::tuple{TLS1_3_VERSION, "alpha", keys[0], 0}}) {
     const bool tls13 = version == TLS1_3_VERSION;
-    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_PSK_TABLE_E, "psks"), 0);
-    ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, version, version), 0);
-    ASSERT_EQ(ssl_obj_set_ciphers(hdl, "PSK-AES128-GCM-SHA256",
+    ssl_obj_free(hdl_);  // a fresh object for each peer
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "psks"), 0);
+    ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl_, version, version), 0);
+    ASSERT_EQ(ssl_obj_set_ciphers(hdl_, "PSK-AES128-GCM-SHA256",
                                   "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256"),
               0);
-    const Exchange ex = request(hdl, {"-nocert", "-psk", key, "-psk_identity", identity, "-psk_hint",
-                                      identity, "-cipher", "PSK-AES128-GCM-SHA256", "-ciphersuites",
-                                      "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"});
+    const Exchange ex = request(hdl_, {"-nocert", "-psk", key, "-psk_identity", identity, "-psk_hint",
+                                       identity, "-cipher", "PSK-AES128-GCM-SHA256", "-ciphersuites",
+                                       "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"});
     EXPECT_EQ(ex.open_rc, open_rc) << identity;
     EXPECT_EQ(ex.reply.find("</HTML>") != std::string::npos, open_rc == 0) << identity;
     if (open_rc == 0) {
