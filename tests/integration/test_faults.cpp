@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -326,17 +325,16 @@ INSTANTIATE_TEST_SUITE_P(Credentials, Garbage, ::testing::ValuesIn(kGarbageRows)
 
 TEST_F(FaultTest, GarbagePskTextStoresNothingAndKeepsTheEarlierTable) {
   start();
-  char good[] = "client:00112233\n";
-  kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(sizeof good - 1), reinterpret_cast<uint8_t*>(good)};
-  ASSERT_EQ(ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("dev")), KORA_OK);
+  const auto parse_and_store = [](std::string text) {
+    kora_Net_SSL_PSK_Table_t table{static_cast<uint32_t>(text.size()),
+                                   reinterpret_cast<uint8_t*>(text.data())};
+    return ssl_parse_and_store_psktable(&table, reinterpret_cast<const uint8_t*>("dev"));
+  };
+  ASSERT_EQ(parse_and_store("client:00112233\n"), KORA_OK);
   const std::string before = slurp(kStoreRoot + "psk_table/dev");
-
-  for (std::string text : {std::string("\x01\x02\xff\xfe binary, no separator"), std::string("id:zz00\nx:11"),
-                           std::string("|open bar without end:00"), std::string(":00ff")}) {
-    kora_Net_SSL_PSK_Table_t garbage{static_cast<uint32_t>(text.size()),
-                                     reinterpret_cast<uint8_t*>(text.data())};
-    EXPECT_EQ(ssl_parse_and_store_psktable(&garbage, reinterpret_cast<const uint8_t*>("dev")), KORA_ERROR)
-        << text;
+  for (const char* text :
+       {"\x01\x02\xff\xfe binary, no separator", "id:zz00\nx:11", "|open bar without end:00", ":00ff"}) {
+    EXPECT_EQ(parse_and_store(text), KORA_ERROR) << text;
     EXPECT_EQ(slurp(kStoreRoot + "psk_table/dev"), before) << text;
   }
   EXPECT_EQ(load(KORA_NET_SSL_PSK_TABLE_E, "dev"), KORA_OK);
