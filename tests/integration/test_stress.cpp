@@ -42,10 +42,8 @@ const std::array<std::string, 3> kNames = {"alpha", "beta", "gamma"};
 // by separate calls, so a pair of different generations must never be possible), and two
 // variants of CA list and PSK table, so that a file mixing two writes shows.
 struct NameContent {
-  std::string cert;
-  std::string key;
-  std::array<std::string, 2> ca;
-  std::array<std::string, 2> psk;
+  std::string cert, key;
+  std::array<std::string, 2> ca, psk;
 };
 
 enum class Op { kStoreCert, kStoreCa, kStorePsk, kLoadCert, kLoadCa, kLoadPsk, kList, kRemove, kCount };
@@ -103,7 +101,9 @@ class StressTest : public LoadingTest {
       case Op::kLoadCa:
         expect(SSL_cert_load(w.obj, op == Op::kLoadCa ? KORA_NET_SSL_CA_LIST_E : KORA_NET_SSL_CERTIFICATE_E,
                              name),
-               cert_results(w), "load");
+               w.psk_installed ? std::vector<int>{KORA_ERR_NOT_SUPPORTED}
+                               : std::vector<int>{KORA_OK, KORA_ERROR},
+               "load");
         break;
       case Op::kLoadPsk: {  // a missing file leaves an installed table in place
         const int status = SSL_cert_load(w.obj, KORA_NET_SSL_PSK_TABLE_E, name);
@@ -134,10 +134,6 @@ class StressTest : public LoadingTest {
       case Op::kCount:
         break;
     }
-  }
-
-  static std::vector<int> cert_results(const Worker& w) {
-    return w.psk_installed ? std::vector<int>{KORA_ERR_NOT_SUPPORTED} : std::vector<int>{KORA_OK, KORA_ERROR};
   }
 
   void run_worker(Worker& w, unsigned seed, int operations) {
@@ -184,10 +180,9 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentials) {
 
   // Every file left is whole and byte for byte one of the credentials stored under its name
   // (absent is a valid outcome); there is no stray name and no temporary file.
-  const std::string& root = kStoreRoot;
   for (const char* kind : {"certs/", "private_keys/", "ca_lists/", "psk_table/", "di_certs/"}) {
     std::error_code ec;
-    for (const auto& file : std::filesystem::directory_iterator(root + kind, ec)) {
+    for (const auto& file : std::filesystem::directory_iterator(kStoreRoot + kind, ec)) {
       const std::string name = file.path().filename();
       const size_t n = std::find(kNames.begin(), kNames.end(), name) - kNames.begin();
       ASSERT_LT(n, kNames.size()) << "stray file " << kind << name;
@@ -204,7 +199,8 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentials) {
           << kind << name << " holds " << plain->size() << " bytes that were never stored under that name";
     }
   }
-  EXPECT_FALSE(std::filesystem::exists(root + "temp")) << "the CA list's temporary file was left behind";
+  EXPECT_FALSE(std::filesystem::exists(kStoreRoot + "temp"))
+      << "the CA list's temporary file was left behind";
 }
 
 // Processes, not threads: every CA load on the host goes through one plain scratch file.
