@@ -224,29 +224,6 @@ const KeyForm kKeyForms[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLabel);
 
-TEST_F(Cli, ChainsAreKeptAndCountedAndPkcs12BagsPutInOrder) {
-  ASSERT_EQ(cli("init").code, 0);
-  const auto ca = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
-  const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, ca);
-  const auto leaf =
-      certgen::make_signed({{{"CN", "leaf"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, mid);
-  spill("full.pem", leaf.cert_pem() + mid.cert_pem() + ca.cert_pem());
-  spill("root.pem", ca.cert_pem());
-  spill("leaf.key", leaf.key_pem());
-  spill("bag.pem", ca.cert_pem() + mid.cert_pem());
-  Result r = cli("put cert full --cert full.pem --key leaf.key");
-  EXPECT_THAT(r.out, HasSubstr("chain of 3 certificates")) << r.err;
-  // A bag lists its certificates in any order, some twice; the stored chain runs leaf, issuer, root.
-  r = shell(
-      "openssl pkcs12 -export -in full.pem -inkey leaf.key -certfile bag.pem -passout pass: -out p.p12 &&"
-      "$KORA put cert bag --p12 p.p12 && $KORA show --json cert bag");
-  EXPECT_THAT(r.out, AllOf(HasSubstr("chain of 3 certificates"), HasSubstr("\"chain_length\" : 3"),
-                           HasSubstr("\"issuer\" : \"CN = mid\"")))
-      << r.err;
-  ASSERT_EQ(cli("put ca root root.pem").code, 0);
-  expect_handshake("--cert bag", "--ca root");  // trusted by the root alone: the stored chain is sent
-}
-
 TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOtherPastAnIdleClient) {
   provision();
   const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
@@ -274,8 +251,8 @@ TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOtherPastAn
 }
 
 // A key born on the device: sealed at once, listed while it waits, and joined by the
-// certificate issued for it.
-TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
+// certificate issued for it. Then chains: kept whole, counted, put in order from a PKCS#12 bag.
+TEST_F(Cli, CsrKeyIsSealedAndAttachedToItsCertificateAndChainsAreKeptInOrder) {
   provision();
   Result r = cli(
       "csr dev --subject /CN=dev42/O=Kora --key ed25519 --san DNS:dev42.example,IP:127.0.0.1 --out dev.csr");
@@ -294,6 +271,26 @@ TEST_F(Cli, CsrKeyIsSealedAndTheIssuedCertificateAttachesToIt) {
   ASSERT_EQ(::unlink((kStore + "private_keys/srv").c_str()), 0);
   cli_all({"csr gone --subject /CN=gone --out gone.csr", "rm cert gone", "rm cert srv"});
   EXPECT_FALSE(fs::exists(kStore + "private_keys/gone") || fs::exists(kStore + "certs/srv"));
+  // A chain is kept whole and counted.
+  const auto ca = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
+  const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, ca);
+  const auto leaf =
+      certgen::make_signed({{{"CN", "leaf"}}, {{GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false}, mid);
+  spill("full.pem", leaf.cert_pem() + mid.cert_pem() + ca.cert_pem());
+  spill("root.pem", ca.cert_pem());
+  spill("leaf.key", leaf.key_pem());
+  spill("bag.pem", ca.cert_pem() + mid.cert_pem());
+  r = cli("put cert full --cert full.pem --key leaf.key");
+  EXPECT_THAT(r.out, HasSubstr("chain of 3 certificates")) << r.err;
+  // A bag lists its certificates in any order, some twice; the stored chain runs leaf, issuer, root.
+  r = shell(
+      "openssl pkcs12 -export -in full.pem -inkey leaf.key -certfile bag.pem -passout pass: -out p.p12 &&"
+      "$KORA put cert bag --p12 p.p12 && $KORA show --json cert bag");
+  EXPECT_THAT(r.out, AllOf(HasSubstr("chain of 3 certificates"), HasSubstr("\"chain_length\" : 3"),
+                           HasSubstr("\"issuer\" : \"CN = mid\"")))
+      << r.err;
+  ASSERT_EQ(cli("put ca root root.pem").code, 0);
+  expect_handshake("--cert bag", "--ca root");  // trusted by the root alone: the stored chain is sent
 }
 
 // What the command finds: an initialised store, no store, or the usual credentials with a threat
