@@ -127,8 +127,7 @@ TEST_F(Cli, StoresListsSortedPastTenConvertsAndRemovesEveryKindSealedAtRest) {
   // PSK comments are stripped, and a listing shows identities, never keys.
   r = cli("put psk notes psk_comments.txt");
   EXPECT_EQ(r.out, "stored PSK table 'notes' (1 entry)\n") << r.err;
-  r = cli("ls -l psk");
-  EXPECT_EQ(r.out,
+  EXPECT_EQ(cli("ls -l psk").out,
             "psk  lab\n    entries:       2\n    identities:    dev1, a:b\npsk  notes\n"
             "    entries:       1\n    identities:    dev1\n");
   // A refused table leaves the one stored before in place.
@@ -227,9 +226,8 @@ INSTANTIATE_TEST_SUITE_P(Forms, CliKeyForm, ::testing::ValuesIn(kKeyForms), kLab
 TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOtherPastAnIdleClient) {
   provision();
   const Result fp = shell("openssl x509 -in server.pem -noout -fingerprint -sha256 | cut -d= -f2");
-  Result r = cli("show cert srv");
   EXPECT_THAT(
-      r.out,
+      cli("show cert srv").out,
       AllOf(StartsWith("cert srv\n    subject:       CN = test-server\n    issuer:        CN = test-ca\n"),
             HasSubstr("EXPIRES SOON"), HasSubstr("key:           EC P-256"), HasSubstr("chain length:  1"),
             HasSubstr("sha256:        " + fp.out)));
@@ -245,7 +243,7 @@ TEST_F(Cli, ShowsCertificateDetailsAndServeAndConnectAuthenticateEachOtherPastAn
   int port = 0;
   auto busy = serve("--cert srv", &port);
   const int idle = connect_loopback(port);
-  r = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
+  const Result r = cli("connect 127.0.0.1:" + std::to_string(port) + " --ca roots");
   ::close(idle);
   EXPECT_EQ(r.code, 0) << r.err;
 }
