@@ -228,12 +228,12 @@ TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
         ssl_obj_hdl_t obj = 0;
         bool loaded = ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &obj) == 0 &&
                       SSL_cert_load(obj, KORA_NET_SSL_CA_LIST_E, issuer ? "right" : "wrong") == KORA_OK;
-        X509_STORE_CTX* check = X509_STORE_CTX_new();
-        const bool trusted = loaded &&
-                             X509_STORE_CTX_init(check, SSL_CTX_get_cert_store(ssl_get_obj_context(obj)),
-                                                 leaf.cert.get(), nullptr) == 1 &&
-                             X509_verify_cert(check) == 1;
-        X509_STORE_CTX_free(check);
+        const std::unique_ptr<X509_STORE_CTX, Free<&X509_STORE_CTX_free>> check(X509_STORE_CTX_new());
+        const bool trusted =
+            loaded &&
+            X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(ssl_get_obj_context(obj)),
+                                leaf.cert.get(), nullptr) == 1 &&
+            X509_verify_cert(check.get()) == 1;
         mistrusts += !issuer && trusted ? 1 : 0;
         failed += !loaded || (issuer && !trusted) ? 1 : 0;
         ssl_obj_free(obj);
