@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -134,9 +135,43 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_NE(slurp(kSessions + "cred_9999.session"), "") << "last free number not taken";
   EXPECT_EQ(slurp(kSessions + "cred_2.timestamp"), "stray") << "a stray file's number reused";
 
+  // Offered up to the very second its lifetime ends (every number is taken now: it stays the one
+  // offered), and not once padded past the 64 KiB a session may take.
+  const std::string last = kSessions + "cred_9999";
+  ASSERT_EQ(slurp(last + ".timestamp").copy(reinterpret_cast<char*>(&rec), sizeof rec), sizeof rec);
+  const auto stamp = [&](time_t at) {
+    rec.session_timestamp = at;
+    std::ofstream(last + ".timestamp", std::ios::binary).write(reinterpret_cast<char*>(&rec), sizeof rec);
+  };
+  stamp(std::time(nullptr) - rec.lifetime - 2);
+  EXPECT_EQ(connect().info.session_reused, 0) << "an expired session offered";
+  EXPECT_TRUE(log.has("Saved session expired, full handshake\n", kora::test::kHigh));
+  for (int tries = 0; tries < 3; ++tries) {
+    const time_t now = std::time(nullptr);
+    stamp(now - rec.lifetime);
+    const int reused = connect().info.session_reused;
+    if (std::time(nullptr) == now) {  // else the second turned during the handshake: try again
+      EXPECT_EQ(reused, 1) << "a session dropped in the last second of its lifetime";
+      break;
+    }
+  }
+  stamp(std::time(nullptr));
+  void* plain = nullptr;
+  size_t size = 0;
+  ASSERT_EQ(ssl_store_cert_read_decrypt_from_file((last + ".session").c_str(), &plain, &size), 0);
+  std::string padded(static_cast<char*>(plain), size);
+  std::free(plain);
+  padded.resize(64 * 1024 + 1);
+  ASSERT_EQ(ssl_store_cert_write_encrypt_to_file((last + ".session").c_str(), padded.data(), padded.size()),
+            0);
+  EXPECT_EQ(connect().info.session_reused, 0) << "a session file past 64 KiB offered";
+  EXPECT_TRUE(log.has("Saved session not usable, full handshake\n", kora::test::kHigh));
+
   // A disk with room for the session file but not for its timestamp keeps neither.
   ASSERT_EQ(::mount("tmpfs", kSessions.c_str(), "tmpfs", 0, "size=4k,mode=0700"), 0);
   EXPECT_EQ(connect().save_rc, SSL_UTIL_ERR_FAILED);
+  EXPECT_TRUE(
+      log.has("ssl_session_save: cannot write session files for cred (errno 28)\n", kora::test::kError));
   EXPECT_TRUE(std::filesystem::is_empty(kSessions)) << "a half-written session left";
 }
 
@@ -188,7 +223,10 @@ TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
     ASSERT_EQ(ssl_obj_set_server_name(client_, name), 0);
     g_sni = "none";
     ASSERT_EQ(ssl_session_set_resume(client_, ""), 0);
+    kora::test::LogCapture log;
     const Outcome out = connect(1);  // room for the terminator only
+    const std::string refused = "ssl_session_save: no resumable session on handle " + std::to_string(client_);
+    EXPECT_EQ(log.has(refused + "\n", kora::test::kError), !accepted) << name;
     EXPECT_EQ(out.client_rc == 0, accepted) << name;
     EXPECT_EQ(out.saved, accepted ? "" : "none") << name;
     EXPECT_EQ(g_sni, sni) << name;

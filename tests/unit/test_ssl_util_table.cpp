@@ -16,6 +16,13 @@
 #include "log_capture.h"
 #include "ssl_util.h"
 
+// SSL_new refused once, as under memory pressure (linked with --wrap=SSL_new).
+bool g_refuse_ssl_new = false;
+extern "C" SSL* __real_SSL_new(SSL_CTX* ctx);
+extern "C" SSL* __wrap_SSL_new(SSL_CTX* ctx) {
+  return std::exchange(g_refuse_ssl_new, false) ? nullptr : __real_SSL_new(ctx);
+}
+
 namespace {
 
 int index_of(SSL_CTX* ctx) {
@@ -99,6 +106,7 @@ TEST(SslUtilSmallCalls, LengthEdges) {
                                                           {"\x30\x85\x01\x01\x01\x01\x01" + pad, 0},
                                                           {std::string("\x30\x82\x00\x80", 4) + pad, 0},
                                                           {"\x30\x82\x01", 0},
+                                                          {std::string("\x30\x82\x01\x00", 4) + pad, 0},
                                                           {"\x30\x81\x7f" + pad, 0},
                                                           {"\x30\x03\x05", 0},
                                                           {"", 0}}) {
@@ -110,7 +118,8 @@ TEST(SslUtilSmallCalls, LengthEdges) {
   void* map = ::mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   uint8_t* end = static_cast<uint8_t*>(map) + 4095;
   *end = ' ';
-  EXPECT_EQ(::mprotect(end + 1, 4096, PROT_NONE) | openssl_IsDerFormat(end, 1), 0);
+  ASSERT_EQ(::mprotect(end + 1, 4096, PROT_NONE), 0);
+  EXPECT_EQ(openssl_IsDerFormat(end, 1), 0);
   uint8_t buf[2] = {0, 0};
   for (int i = 0; i < 64 && buf[0] == 0; ++i) {
     ASSERT_EQ(ssl_get_random_number(1, buf), 0);
@@ -126,7 +135,8 @@ TEST(SslUtilTable, LookupsDoNotTakeTheLockTheStoreHolds) {
   ivra_mutex_lock(&ssl_mutex);  // as the load dispatcher does around its loaders
   SSL_CTX* ctx = ssl_get_obj_context(hdl);
   int index = -1;
-  EXPECT_EQ(utility_get_ssl_ctxt(ctx, &index) | SSL_set_cert_info(ctx, longer.c_str()), 0);
+  EXPECT_EQ(utility_get_ssl_ctxt(ctx, &index), 0);
+  EXPECT_EQ(SSL_set_cert_info(ctx, longer.c_str()), 0);
   ivra_mutex_unlock(&ssl_mutex);
   EXPECT_EQ(std::string(g_ssl_ctxt[index].cert), longer.substr(0, sizeof g_ssl_ctxt[index].cert - 1));
 }
@@ -154,6 +164,10 @@ TEST(SslUtilTable, RefusalsAreLoggedInTheCallersName) {
        [&] { return ssl_obj_set_ciphers(live, "NOPE", nullptr); }},
       {"ssl_obj_set_ciphers: TLS 1.3 suites refused: TLS_BOGUS\n", kFailed,
        [&] { return ssl_obj_set_ciphers(live, nullptr, "TLS_BOGUS"); }},
+      {"ssl_session_save: no connection or no credential name on handle " + std::to_string(live) + "\n",
+       kInvalid, [&] { return ssl_session_save(live, nullptr, 0); }},
+      {"ssl_conn_open: SSL_new failed\n", SSL_UTIL_ERR_NO_RESOURCE,
+       [&] { return g_refuse_ssl_new = true, ssl_conn_open(live, 0); }},
   };
   for (const auto& [said, rc, call] : calls) {
     kora::test::LogCapture log;
