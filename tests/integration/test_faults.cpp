@@ -75,9 +75,7 @@ class FaultTest : public ::testing::Test {
 
   // Loads onto a fresh SSL object, which stays available in hdl_/ctx_ until the next load.
   int load(kora_Net_SSL_Cert_Type_t type, const std::string& name) {
-    if (hdl_ != 0) {
-      ssl_obj_free(hdl_);
-    }
+    TearDown();  // frees the last object
     hdl_ = 0;
     EXPECT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
     ctx_ = ssl_get_obj_context(hdl_);
