@@ -122,7 +122,7 @@ class Peers : public ::testing::TestWithParam<Case> {
  protected:
   void SetUp() override {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-    ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700), 0);
+    ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700) | ::chdir("/data/in"), 0);
     const auto root = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
     const auto other = certgen::make_self_signed({{{"CN", "other-root"}}, {}, false, true});
     const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, root);
@@ -131,17 +131,16 @@ class Peers : public ::testing::TestWithParam<Case> {
         mid);
     const auto dev = certgen::make_signed({{{"CN", "dev"}}, {{GEN_DNS, "dev"}}, false, false}, mid);
     const std::string psk = "beta:ffeeddccbbaa99887766554433221100\n";
-    spill("/data/in/root.pem", root.cert_pem());
-    spill("/data/in/other.pem", other.cert_pem());
-    spill("/data/in/srv.pem", srv.cert_pem() + mid.cert_pem());
-    spill("/data/in/srv.key", srv.key_pem());
-    spill("/data/in/dev.pem", dev.cert_pem() + mid.cert_pem());
-    spill("/data/in/dev.key", dev.key_pem());
-    spill("/data/in/beta.psk", psk);
-    spill("/data/in/tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk);
-    cli_all({"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
-             "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key", "put ca root /data/in/root.pem",
-             "put psk tab /data/in/tab.psk"});
+    spill("root.pem", root.cert_pem());
+    spill("other.pem", other.cert_pem());
+    spill("srv.pem", srv.cert_pem() + mid.cert_pem());
+    spill("srv.key", srv.key_pem());
+    spill("dev.pem", dev.cert_pem() + mid.cert_pem());
+    spill("dev.key", dev.key_pem());
+    spill("beta.psk", psk);
+    spill("tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk);
+    cli_all({"init", "put cert dev --cert dev.pem --key dev.key", "put cert srv --cert srv.pem --key srv.key",
+             "put ca root root.pem", "put psk tab tab.psk"});
   }
 };
 
