@@ -13,7 +13,7 @@ enum class Crypt { kOk, kFail, kNoOutput };     // kNoOutput: 0 with a null buff
 inline constexpr size_t kBlobLength = 32;
 extern Generate generate;
 extern Crypt seal, unseal;
-extern int generate_calls, crypt_calls;
+extern int generate_calls;
 
 // Flash file service on real files.
 extern int fail_put_on_call;                // the n-th efs_put from now (1 = the next) returns -1

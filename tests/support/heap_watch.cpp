@@ -54,12 +54,8 @@ void* added(void* p, size_t kept = 0, bool watched_before = false) {
 // Whether p was searchable; it is no longer tracked.
 bool forget(void* p) {
   const std::lock_guard<std::mutex> guard(state().lock);
-  const auto it = state().live.find(p);
-  const bool watched = it != state().live.end() && it->second;
-  if (it != state().live.end()) {
-    state().live.erase(it);
-  }
-  return watched;
+  const auto node = state().live.extract(p);
+  return !node.empty() && node.mapped();
 }
 
 void releasing(void* p, bool by_openssl) {
@@ -80,6 +76,15 @@ void* crypto_realloc(void* p, size_t n, const char* /*file*/, int /*line*/) { re
 void crypto_free(void* p, const char* /*file*/, int /*line*/) {
   releasing(p, true);
   __real_free(p);
+}
+
+bool refused(size_t n, size_t size) {
+  const std::lock_guard<std::mutex> guard(state().lock);
+  if (n == 0 || state().refused_calloc != std::make_pair(n, size)) {
+    return false;
+  }
+  state().refused_calloc = {0, 0};
+  return true;
 }
 
 const bool g_watching = CRYPTO_set_mem_functions(&crypto_malloc, &crypto_realloc, &crypto_free) == 1;
@@ -113,17 +118,6 @@ void refuse_next_calloc(size_t n, size_t size) {
   const std::lock_guard<std::mutex> guard(state().lock);
   state().refused_calloc = {n, size};
 }
-
-namespace {
-bool refused(size_t n, size_t size) {
-  const std::lock_guard<std::mutex> guard(state().lock);
-  if (n == 0 || state().refused_calloc != std::make_pair(n, size)) {
-    return false;
-  }
-  state().refused_calloc = {0, 0};
-  return true;
-}
-}  // namespace
 
 }  // namespace kora::test::heap
 

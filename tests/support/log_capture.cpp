@@ -10,14 +10,10 @@ LogCapture::~LogCapture() { msg_set_sink(nullptr, nullptr); }
 
 void LogCapture::sink(const msg_const_type* site, const char* text, void* user) {
   auto* self = static_cast<LogCapture*>(user);
-  LoggedMessage m;
-  m.text = text != nullptr ? text : "";
-  m.mask = site->desc.ss_mask;
-  m.ss_id = site->desc.ss_id;
-  m.fmt = site->fmt != nullptr ? site->fmt : "";
-  m.fname = site->fname != nullptr ? site->fname : "";
   const std::lock_guard<std::mutex> lock(self->mutex_);
-  self->messages_.push_back(std::move(m));
+  self->messages_.push_back({text != nullptr ? text : "", site->desc.ss_mask, site->desc.ss_id,
+                             site->fmt != nullptr ? site->fmt : "",
+                             site->fname != nullptr ? site->fname : ""});
 }
 
 std::vector<LoggedMessage> LogCapture::messages() const {

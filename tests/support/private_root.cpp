@@ -64,14 +64,9 @@ std::string mount_store_fs(const std::string& path) {
     return mount_tmpfs(path, "mode=0755");
   }
   std::string dir = std::string(base) + "/store-XXXXXX";
-  if (mkdtemp(dir.data()) == nullptr) {
-    return errno_text("mkdtemp " + dir);
-  }
-  if (chmod(dir.c_str(), 0755) != 0) {
-    return errno_text("chmod " + dir);
-  }
-  if (mount(dir.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-    return errno_text("bind " + dir + " at " + path);
+  if (mkdtemp(dir.data()) == nullptr || chmod(dir.c_str(), 0755) != 0 ||
+      mount(dir.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    return errno_text("make " + dir + " and bind it at " + path);
   }
   return {};
 }
@@ -79,17 +74,15 @@ std::string mount_store_fs(const std::string& path) {
 }  // namespace
 
 std::string mount_tmpfs(const std::string& path, const std::string& options) {
-  if (mount("kora-test", path.c_str(), "tmpfs", 0, options.c_str()) != 0) {
-    return errno_text("mount tmpfs at " + path);
-  }
-  return {};
+  return mount("kora-test", path.c_str(), "tmpfs", 0, options.c_str()) == 0
+             ? ""
+             : errno_text("mount tmpfs at " + path);
 }
 
 std::string remount_read_only(const std::string& path) {
-  if (mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-    return errno_text("remount " + path);
-  }
-  return {};
+  return mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0
+             ? ""
+             : errno_text("remount " + path);
 }
 
 std::string enter_private_store_root() {
@@ -103,15 +96,15 @@ std::string enter_private_store_root() {
   if (getcwd(cwd, sizeof cwd) == nullptr) {
     return errno_text("getcwd");
   }
-  struct stat st {};
-  if (stat("/data", &st) == 0 && S_ISDIR(st.st_mode)) {
+  std::error_code ec;
+  if (std::filesystem::is_directory("/data", ec)) {
     // The host has a /data: hide it behind the store's file system in this namespace only.
     if (std::string why = mount_store_fs("/data"); !why.empty()) {
       return why;
     }
   } else {
     // No /data on the host: build a new root so that nothing is created on the host.
-    const std::string staging = (stat("/mnt", &st) == 0 && S_ISDIR(st.st_mode)) ? "/mnt" : "/tmp";
+    const std::string staging = std::filesystem::is_directory("/mnt", ec) ? "/mnt" : "/tmp";
     if (std::string why = mount_tmpfs(staging, "mode=0755"); !why.empty()) {
       return why;
     }

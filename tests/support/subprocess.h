@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -50,24 +51,19 @@ int listen_loopback(int* port);
 
 // The blank-separated words of `command`.
 inline std::vector<std::string> words_of(const std::string& command) {
-  std::vector<std::string> out;
   std::istringstream words(command);
-  for (std::string w; words >> w;) {
-    out.push_back(w);
-  }
-  return out;
+  return {std::istream_iterator<std::string>(words), {}};
 }
 
 #ifdef KORA_CLI_PATH
 // The tool's command line for the words of `command`; a cross-built tool runs under the emulator.
 inline std::vector<std::string> cli_argv(const std::string& command) {
+  std::vector<std::string> argv = words_of(command);
 #ifdef KORA_CLI_LAUNCHER
-  std::vector<std::string> argv = {KORA_CLI_LAUNCHER, KORA_CLI_PATH};
+  argv.insert(argv.begin(), {KORA_CLI_LAUNCHER, KORA_CLI_PATH});
 #else
-  std::vector<std::string> argv = {KORA_CLI_PATH};
+  argv.insert(argv.begin(), KORA_CLI_PATH);
 #endif
-  const std::vector<std::string> words = words_of(command);
-  argv.insert(argv.end(), words.begin(), words.end());
   return argv;
 }
 #endif

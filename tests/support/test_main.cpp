@@ -2,19 +2,15 @@
 // fresh tmpfs under /data, so nothing a test does reaches the host's tree.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "heap_watch.h"
 #include "private_root.h"
 
 int main(int argc, char** argv) {
-  const bool listing = std::any_of(argv + 1, argv + argc, [](const char* arg) {
-    return std::strncmp(arg, "--gtest_list_tests", 18) == 0;
-  });
-  if (!listing) {
+  testing::InitGoogleTest(&argc, argv);
+  if (!GTEST_FLAG_GET(list_tests)) {
     const std::string why = kora::test::enter_private_store_root();
     if (!why.empty()) {
       std::fprintf(stderr, "cannot set up the private store root: %s\n", why.c_str());
@@ -24,7 +20,6 @@ int main(int argc, char** argv) {
   if (!kora::test::heap::watching()) {  // also links the heap watch into every program
     std::fprintf(stderr, "OpenSSL allocated before the heap watch could see it\n");
   }
-  testing::InitGoogleTest(&argc, argv);
   // ctest runs every case in a process of its own, so a death test forks a process that has
   // started no thread yet: the plain fork style is safe, and it also works under user-mode
   // emulation, where re-executing the test program is not possible.

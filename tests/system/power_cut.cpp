@@ -82,17 +82,15 @@ std::vector<Credential> make_credentials() {
     for (int n = 0; n < 2; ++n) {
       Credential c{std::string(dir).substr(0, 3) + std::to_string(n), type, dir, {}, {}};
       for (int v = 0; v < kVersions; ++v) {
-        kora::certgen::CertSpec spec;
-        spec.subject = {{"CN", c.name + "-v" + std::to_string(v)}};
-        spec.is_ca = type == KORA_NET_SSL_CA_LIST_E;
-        const auto pair = kora::certgen::make_self_signed(spec);
         if (type == KORA_NET_SSL_PSK_TABLE_E) {
           c.bytes[v] =
               kora::test::psk_table({{c.name + "-client", std::string(16 + v, static_cast<char>('a' + v))}});
-        } else {
-          c.bytes[v] = pair.cert_pem();
-          c.key_bytes[v] = pair.key_pem();
+          continue;
         }
+        const auto pair = kora::certgen::make_self_signed(
+            {{{"CN", c.name + "-v" + std::to_string(v)}}, {}, false, type == KORA_NET_SSL_CA_LIST_E});
+        c.bytes[v] = pair.cert_pem();
+        c.key_bytes[v] = pair.key_pem();
       }
       creds.push_back(c);
     }
@@ -134,12 +132,8 @@ struct FileState {
 };
 
 FileState file_state(const std::string& path) {
-  FileState s;
-  s.present = access(path.c_str(), F_OK) == 0;
-  if (s.present) {
-    s.bytes = read_stored(path);
-  }
-  return s;
+  const bool present = access(path.c_str(), F_OK) == 0;
+  return {present, present ? read_stored(path) : std::nullopt};
 }
 
 bool matches(const FileState& s, int v, const std::array<std::string, kVersions>& versions) {
@@ -224,15 +218,6 @@ struct Counts {
     }
     state[c] = v;
   }
-}
-
-// Unmounts /data without writing (the flash has stopped) and mounts it again: UBIFS recovers.
-bool remount() {
-  if (umount("/data") != 0 || mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
-    std::perror("remount ubi0:data on /data");
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -329,7 +314,9 @@ int main(int argc, char** argv) {
       }
     }
     n.idle += doubt < 0 ? 1 : 0;
-    if (!remount()) {
+    // Unmounts /data without writing (the flash has stopped) and mounts it again: UBIFS recovers.
+    if (umount("/data") != 0 || mount(kVolume, "/data", "ubifs", 0, nullptr) != 0) {
+      std::perror("remount ubi0:data on /data");
       ++n.failed_starts;
       break;
     }

@@ -29,13 +29,11 @@ std::string make_softhsm_token(const std::string& dir) {
   CK_SLOT_ID slots[8];
   CK_ULONG n = 8;
   CK_SESSION_HANDLE s = CK_INVALID_HANDLE;
-  char label[32];
-  std::memset(label, ' ', sizeof label);
-  std::memcpy(label, "kora", 4);
+  std::string label = "kora" + std::string(28, ' ');  // blank-padded to 32 bytes
   auto* so_pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>("0000"));
   auto* pin = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(kTokenPin));
   if (p11_kit_module_initialize(m) != CKR_OK || m->C_GetSlotList(CK_FALSE, slots, &n) != CKR_OK || n == 0 ||
-      m->C_InitToken(slots[0], so_pin, 4, reinterpret_cast<CK_UTF8CHAR*>(label)) != CKR_OK) {
+      m->C_InitToken(slots[0], so_pin, 4, reinterpret_cast<CK_UTF8CHAR*>(label.data())) != CKR_OK) {
     why = "cannot initialise a SoftHSM2 token";
   } else {
     // SoftHSM2 moves an initialised token to a new slot: look it up again.

@@ -1,14 +1,12 @@
-// Loading tests: the initialised store of the storage tests plus one client SSL object, and
-// the SSL object layer's record of that object.
+// Loading tests: the initialised store of the storage tests plus one client SSL object, the SSL
+// object layer's record of that object, and the certificate factory that makes what is loaded.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "kora_net_ssl.h"
+#include "kora_certgen.h"
 #include "ossl_ptr.h"
-#include "ssl_store.h"
-#include "ssl_util.h"
 #include "storage_fixture.h"
 
 namespace kora::test {
@@ -16,10 +14,7 @@ namespace kora::test {
 class LoadingTest : public StorageTest {
  protected:
   void SetUp() override {
-    StorageTest::SetUp();
-    if (HasFatalFailure()) {
-      return;
-    }
+    ASSERT_NO_FATAL_FAILURE(StorageTest::SetUp());
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
     ctx_ = ssl_get_obj_context(hdl_);
   }

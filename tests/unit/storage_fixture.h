@@ -1,5 +1,6 @@
 // Store tests: an initialised store in the private root, file helpers, the unsealed content of
-// a stored file, the stored form of a PSK table and the state of ssl_mutex.
+// a stored file, the stored form of a PSK table and the state of ssl_mutex; the log capture and
+// heap watch every store test uses come with it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "heap_watch.h"
 #include "kora_net_ssl.h"
 #include "log_capture.h"
 #include "ssl_store.h"
@@ -25,6 +27,14 @@ inline const std::string kStoreRoot = "/data/data_velto/.ssl/";
 inline const std::string kCerts = kStoreRoot + "certs/", kCaLists = kStoreRoot + "ca_lists/";
 inline const std::string kPskTables = kStoreRoot + "psk_table/", kSessions = kStoreRoot + "sessions/";
 
+// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
+inline bool store_lock_is_free() {
+  pthread_mutex_lock(&ssl_mutex.guard);
+  const bool free = ssl_mutex.held == 0;
+  pthread_mutex_unlock(&ssl_mutex.guard);
+  return free;
+}
+
 class StorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -35,9 +45,8 @@ class StorageTest : public ::testing::Test {
   // Every store call of the case has returned: ssl_mutex is free unless the case made a call
   // that keeps it held.
   void TearDown() override {
-    EXPECT_TRUE(lock_held_on_purpose_ || lock_is_free()) << "a store call returned with ssl_mutex held";
+    EXPECT_TRUE(lock_held_on_purpose_ || store_lock_is_free()) << "a store call returned with ssl_mutex held";
   }
-  static bool lock_is_free();
   bool lock_held_on_purpose_ = false;
 };
 
@@ -71,21 +80,13 @@ inline std::string be16(size_t n) {
 
 // The stored form of (identity, key bytes) entries: header with the big-endian count (kept
 // modulo 65536), then the entries.
-inline std::string psk_table(const std::vector<std::pair<std::string, std::string>>& entries) {
+using PskEntries = std::vector<std::pair<std::string, std::string>>;
+inline std::string psk_table(const PskEntries& entries) {
   std::string t = std::string("\xB7\x00", 2) + be16(entries.size());
   for (const auto& [identity, key] : entries) {
     t += be16(identity.size()) + identity + be16(key.size()) + key;
   }
   return t;
 }
-
-// True when no thread holds ssl_mutex: the shim's own state, read under its guard, no waiting.
-inline bool store_lock_is_free() {
-  pthread_mutex_lock(&ssl_mutex.guard);
-  const bool free = ssl_mutex.held == 0;
-  pthread_mutex_unlock(&ssl_mutex.guard);
-  return free;
-}
-inline bool StorageTest::lock_is_free() { return store_lock_is_free(); }
 
 }  // namespace kora::test

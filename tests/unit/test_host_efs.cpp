@@ -17,8 +17,9 @@ int put(const char* path, const std::string& data, int oflag, int mode = 0600) {
   return efs_put(path, const_cast<char*>(data.data()), data.size(), oflag, mode);
 }
 
-// The store writes its key files with flags 0x41 (write-only, create, no truncation), mode 0777.
-TEST(HostEfs, StoreFlagsCreateWithModeAndDoNotTruncate) {
+// The store writes its key files with flags 0x41 (write-only, create, no truncation), mode 0777;
+// a missing directory, no O_CREAT and a full disk fail with a negative result.
+TEST(HostEfs, StoreFlagsCreateWithModeAndDoNotTruncateAndFailuresReturnNegative) {
   ::umask(0);
   const char* path = "/data/data_velto/takey.nonce";
   fs_stat st{};
@@ -28,9 +29,6 @@ TEST(HostEfs, StoreFlagsCreateWithModeAndDoNotTruncate) {
   EXPECT_EQ(st.st_mode & 07777, 0777u);
   ASSERT_EQ(put(path, "XY", 0x41, 0x1ff), 2);
   EXPECT_EQ(slurp(path), "XYcdef") << "0x41 carries no truncation";
-}
-
-TEST(HostEfs, FailuresReturnNegative) {
   ASSERT_EQ(::mkdir("/data/small", 0755), 0);
   ASSERT_EQ(kora::test::mount_tmpfs("/data/small", "size=64k"), "");
   EXPECT_LT(put("/data/data_velto/no/such", "k", O_WRONLY | O_CREAT), 0);

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,20 +25,19 @@
 #include "softhsm_token.h"
 #endif
 
-namespace {
-
-using Bytes = std::vector<uint8_t>;
-
 #ifndef KORA_KM_TOKEN_TESTS
 // Link-time substitute for the file backend's random source, failing on demand.
-bool g_random_fails = false;
-}  // namespace
+static bool g_random_fails = false;
 extern "C" int RAND_bytes(unsigned char* buf, int num) {
   return g_random_fails ? 0 : RAND_bytes_ex(nullptr, buf, static_cast<unsigned>(num), 0);
 }
-namespace {
 #endif
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
 namespace km = kora::km;
+namespace fs = std::filesystem;
 const char* const kRootKey = "/data/km/root.key";
 constexpr int kSeal = SSL_KM_DIRECTION_SEAL, kUnseal = SSL_KM_DIRECTION_UNSEAL;
 
@@ -80,7 +79,6 @@ struct Case {
   int rc = km::kErrRootKey;
   bool create = false;  // by a new key blob, else opened for a sealed file
 };
-std::string name_of(const testing::TestParamInfo<Case>& c) { return c.param.label; }
 void PrintTo(const Case& c, std::ostream* os) { *os << c.label; }
 
 class HostKm : public testing::Test {
@@ -104,7 +102,7 @@ class HostKm : public testing::Test {
 class HostKmCase : public HostKm, public testing::WithParamInterface<Case> {};
 
 // A failed call's reason does not outlive it: the next call that works reports none.
-TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
+TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcess) {
   EXPECT_NE(crypt(blob_, nonce_, Bytes(3, 'x'), 7), 0);
   EXPECT_STRNE(kora_km_last_error(), "");
   for (size_t n : {0, 17, 100000}) {
@@ -117,6 +115,18 @@ TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIv) {
   }
   const Bytes a = seal(Bytes(64, 'a')), b = seal(Bytes(64, 'a'));
   EXPECT_NE(Bytes(a.begin() + 1, a.begin() + 13), Bytes(b.begin() + 1, b.begin() + 13));
+  // A process that starts afresh (here: a child that drops every cached key and handle) reads
+  // the root key again and opens what this one sealed, also when started without standard
+  // input, as daemons are (the root key then gets descriptor 0), or with errno at EINTR.
+  const Bytes plain = random_bytes(300), sealed = seal(plain);
+  EXPECT_EQ(kora::test::in_child([&] {
+              ::close(0);
+              km::forget_keys();
+              errno = EINTR;  // left over from the caller's own interrupted call
+              Bytes back;
+              return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
+            }),
+            0);
 }
 
 // One byte more, every truncation, a low and a high bit flipped in each byte, another nonce,
@@ -144,21 +154,6 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
   other_nonce[11] ^= 1;
   EXPECT_EQ(crypt(blob_, other_nonce, sealed, kUnseal), km::kErrAuth);
   EXPECT_EQ(crypt(new_blob(), nonce_, sealed, kUnseal), km::kErrAuth);
-}
-
-// A process that starts afresh (here: a child that drops every cached key and handle) reads
-// the root key again and opens what this one sealed, also when started without standard
-// input, as daemons are (the root key then gets descriptor 0), or with errno at EINTR.
-TEST_F(HostKm, AFreshProcessOpensWhatWasSealed) {
-  const Bytes plain = random_bytes(300), sealed = seal(plain);
-  EXPECT_EQ(kora::test::in_child([&] {
-              ::close(0);
-              km::forget_keys();
-              errno = EINTR;  // left over from the caller's own interrupted call
-              Bytes back;
-              return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
-            }),
-            0);
 }
 
 // Threads sealing and opening at once under two key blobs in turn (each switch replaces the
@@ -189,7 +184,9 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
 #ifndef KORA_KM_TOKEN_TESTS
 // Once the pool of fresh IVs is used up, a random source that fails fails the seal: an IV is
 // never handed out twice.
-TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
+// The first use creates the root key and its directory, private, with no temporary file left
+// behind. Every byte of a new key is random, the last one too.
+TEST_F(HostKm, FailingRandomSourceNeverReusesAnIvAndFirstUseCreatesOnePrivateRootKey) {
   int failed = 0;
   g_random_fails = true;
   for (int i = 0; i <= 340; ++i) {
@@ -197,24 +194,15 @@ TEST_F(HostKm, FailingRandomSourceFailsTheSealInsteadOfReusingAnIv) {
   }
   g_random_fails = false;
   EXPECT_GT(failed, 0);
-}
-// The first use creates the root key and its directory, private, with no temporary file left
-// behind. Every byte of a new key is random, the last one too.
-TEST_F(HostKm, FirstUseCreatesOnePrivateRootKey) {
-  struct stat st {};
-  ASSERT_EQ(stat("/data/km", &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0700u);
-  ASSERT_EQ(stat(kRootKey, &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  EXPECT_EQ(st.st_size, 32);
-  EXPECT_EQ(std::system("test $(ls -A /data/km | wc -l) -eq 1"), 0) << "temporary files left behind";
+  EXPECT_EQ(fs::status("/data/km").permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(kRootKey).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(fs::file_size(kRootKey), 32u);
+  EXPECT_EQ(std::distance(fs::directory_iterator("/data/km"), {}), 1) << "temporary files left behind";
   EXPECT_EQ(blob_.size(), km::kKeyBlobLen);
   std::string last_bytes;
   for (int i = 0; i < 16; ++i) {
     ASSERT_EQ(km::file::make_root_key(true), km::kOk);
-    std::ifstream key(kRootKey, std::ios::binary);
-    key.seekg(31);
-    last_bytes += static_cast<char>(key.get());
+    last_bytes += kora::test::slurp(kRootKey).at(31);
   }
   EXPECT_NE(last_bytes, std::string(16, last_bytes[0])) << "the last byte of new root keys never changes";
 }
@@ -257,7 +245,7 @@ TEST_P(HostKmCase, RootKeyRefusedWithTheFileAndTheRuleNamed) {
               access(path.c_str(), F_OK) != 0)
       << "a root key was made or put in place";
 }
-INSTANTIATE_TEST_SUITE_P(Files, HostKmCase, testing::ValuesIn(kPlanted), name_of);
+INSTANTIATE_TEST_SUITE_P(Files, HostKmCase, testing::ValuesIn(kPlanted), testing::PrintToStringParamName());
 #else
 // Through a session of the test's own: the root key's sensitive, extractable and
 // never-extractable flags, what reading its value gives, and how many AES keys the
@@ -293,13 +281,26 @@ std::vector<CK_ULONG> look_into_token() {
   return {flag[0], flag[1], flag[2], value_rv, keys};
 }
 
-// The data key of a key blob no longer in use is not left in the token either.
-TEST_F(HostKm, TokenRootKeyIsSensitiveAndNeverExtractable) {
+// The data key of a key blob no longer in use is not left in the token either. A seal of one
+// backend is refused by the other as another backend's, not as damage.
+TEST_F(HostKm, TokenRootKeyIsSensitiveAndEachBackendRefusesTheOthersSeal) {
   seal(Bytes(3));
   EXPECT_EQ(crypt(new_blob(), nonce_, Bytes(3), kSeal), 0);
   // The value is not read out; the root key and one data key are left.
   EXPECT_EQ(look_into_token(),
             (std::vector<CK_ULONG>{CK_TRUE, CK_FALSE, CK_TRUE, CKR_ATTRIBUTE_SENSITIVE, 2}));
+  const Bytes by_token = seal(Bytes(10));
+  const std::string uri = getenv("KORA_KM_PKCS11_URI");
+  unsetenv("KORA_KM_PKCS11_URI");
+  const Bytes file_blob = new_blob();
+  Bytes by_file;
+  ASSERT_EQ(crypt(file_blob, nonce_, Bytes(10), kSeal, &by_file), 0);
+  EXPECT_EQ(crypt(file_blob, nonce_, by_token, kUnseal), km::kErrFormat);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+  setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
+  EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
+  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
+  EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 // A token that misbehaves is named: a root key it will not remove, a seal of the wrong length.
@@ -317,22 +318,6 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   setenv("KORA_P11_FAULT", "C_Logout C_CloseSession C_Finalize", 1);
   km::forget_keys();
   EXPECT_EQ(look_into_token().back(), 3u) << "two root keys and the data key the token kept; no other";
-}
-
-// A seal of one backend is refused by the other as another backend's, not as damage.
-TEST_F(HostKm, EachBackendRefusesTheOthersSeal) {
-  const Bytes by_token = seal(Bytes(10));
-  const std::string uri = getenv("KORA_KM_PKCS11_URI");
-  unsetenv("KORA_KM_PKCS11_URI");
-  const Bytes file_blob = new_blob();
-  Bytes by_file;
-  ASSERT_EQ(crypt(file_blob, nonce_, Bytes(10), kSeal, &by_file), 0);
-  EXPECT_EQ(crypt(file_blob, nonce_, by_token, kUnseal), km::kErrFormat);
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
-  setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
-  EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
-  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
-  EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 // What a user gets wrong in the URI or the token, each said plainly; a PIN from a file works.
@@ -359,24 +344,21 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"other_id", kora::test::token_uri("pin-value=1234", "kora-root;id=%01"), "", "has no root key"},
         Case{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so", "", "cannot load",
              km::kErrToken}),
-    name_of);
+    testing::PrintToStringParamName());
 #endif
 
+// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
 // The environment's root-key path only when it names one: empty or unset means the default.
-TEST_F(HostKm, EmptyRootKeyVariableMeansTheDefaultPath) {
+TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAskedAndAnEmptyPathMeansTheDefault) {
+  EXPECT_EQ(kora_km_make_root_key(0), 0);
+  seal(Bytes(3));
+  EXPECT_EQ(kora_km_make_root_key(1), 0);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
   unsetenv("KORA_KM_ROOT_KEY");
   const std::string fallback = km::root_key_path();
   setenv("KORA_KM_ROOT_KEY", "", 1);
   EXPECT_EQ(km::root_key_path(), fallback);
   EXPECT_EQ(fallback.front(), '/');
-}
-
-// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
-TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAsked) {
-  EXPECT_EQ(kora_km_make_root_key(0), 0);
-  seal(Bytes(3));
-  EXPECT_EQ(kora_km_make_root_key(1), 0);
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
 }  // namespace

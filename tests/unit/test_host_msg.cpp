@@ -1,30 +1,9 @@
 // The host logger: what the default sink prints.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <string>
-
-#include "file_bytes.h"
 #include "msg_diag.h"
 
 namespace {
-
-// Runs `fn` with stderr sent to a file and returns what was written there.
-template <class Fn>
-std::string stderr_of(Fn fn) {
-  std::fflush(stderr);
-  const int saved = ::dup(2);
-  const int fd = ::open("/data/stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  ::dup2(fd, 2);
-  ::close(fd);
-  fn();
-  std::fflush(stderr);
-  ::dup2(saved, 2);
-  ::close(saved);
-  return kora::test::slurp("/data/stderr.txt");
-}
 
 TEST(DefaultSink, PrintsOneLinePerMessageAndHighOnlyWhenVerbose) {
   const struct {
@@ -40,7 +19,9 @@ TEST(DefaultSink, PrintsOneLinePerMessageAndHighOnlyWhenVerbose) {
   for (const auto& c : cases) {
     const msg_const_type site = {{42, 65, c.mask}, c.fmt, "ssl_store"};
     msg_set_verbose(c.verbose);
-    EXPECT_EQ(stderr_of([&] { msg_sprintf(&site, c.text); }), c.printed) << c.fmt << " " << c.text;
+    testing::internal::CaptureStderr();
+    msg_sprintf(&site, c.text);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.printed) << c.fmt << " " << c.text;
   }
 }
 

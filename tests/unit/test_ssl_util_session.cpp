@@ -22,6 +22,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using kora::test::slurp;
 
 const std::string kSessions = "/data/data_velto/.ssl/sessions/";
@@ -43,7 +44,9 @@ class ObjectPair : public ::testing::TestWithParam<int> {
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
     ASSERT_EQ(ssl_store_init(), 0);
     kora::certgen::CertSpec spec;
-    spec.alt_names = {{GEN_DNS, "server.example"}, {GEN_IPADD, std::string("\x7f\x00\x00\x01", 4)}};
+    spec.alt_names = {{GEN_DNS, "server.example"},
+                      {GEN_IPADD, std::string("\x7f\x00\x00\x01", 4)},
+                      {GEN_IPADD, std::string(15, '\0') + "\x01"}};
     server_cert_ = kora::certgen::make_self_signed(spec);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_SERVER, &server_), 0);
     ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &client_), 0);
@@ -98,6 +101,8 @@ class ObjectPair : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
+  const auto open_fds = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+  const auto fds_before = open_fds();
   EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1)
       << "unknown suite ignored";
   ASSERT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_CHACHA20_POLY1305_SHA256"), 0);
@@ -114,7 +119,6 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_STREQ(first.info.peer_alert, "") << "an alert noted where the peer sent none";
   ASSERT_EQ(first.save_rc, 0);
   EXPECT_EQ(first.saved, kSession1);
-  namespace fs = std::filesystem;
   EXPECT_EQ(fs::status(kTimestamp1).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_NE(slurp(kSession1).substr(0, 1), "\x30")
       << "the session (and its master secret) stored in the clear";
@@ -166,13 +170,14 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
             0);
   EXPECT_EQ(connect().info.session_reused, 0) << "a session file past 64 KiB offered";
   EXPECT_TRUE(log.has("Saved session not usable, full handshake\n", kora::test::kHigh));
+  EXPECT_EQ(open_fds(), fds_before) << "a descriptor left open";
 
   // A disk with room for the session file but not for its timestamp keeps neither.
   ASSERT_EQ(::mount("tmpfs", kSessions.c_str(), "tmpfs", 0, "size=4k,mode=0700"), 0);
   EXPECT_EQ(connect().save_rc, SSL_UTIL_ERR_FAILED);
   EXPECT_TRUE(
       log.has("ssl_session_save: cannot write session files for cred (errno 28)\n", kora::test::kError));
-  EXPECT_TRUE(std::filesystem::is_empty(kSessions)) << "a half-written session left";
+  EXPECT_TRUE(fs::is_empty(kSessions)) << "a half-written session left";
 }
 
 // An alert OpenSSL has no text for is named by its number: a TLS 1.2 client that says it fell
@@ -196,6 +201,11 @@ TEST_P(ObjectPair, ReadEndedWithoutCloseNotificationFailsAndSaysSo) {
   });
   EXPECT_EQ(ssl_conn_open(client_, fds[0]), 0);
   server.join();
+  int client = -1, server_index = -1;
+  utility_get_ssl_ctxt(ssl_get_obj_context(client_), &client);
+  utility_get_ssl_ctxt(ssl_get_obj_context(server_), &server_index);
+  EXPECT_EQ(g_ssl_ctxt[client].conn_hndl + g_ssl_ctxt[server_index].conn_hndl, 3u)
+      << "connections not numbered 1, 2";
   kora::test::LogCapture log;
   char buf[8];
   EXPECT_EQ(ssl_conn_read(client_, buf, sizeof buf), SSL_UTIL_ERR_FAILED);
@@ -219,7 +229,8 @@ TEST_P(ObjectPair, ServerNameCheckedAgainstTheCertificate) {
       });
   for (const auto& [name, accepted, sni] :
        {std::tuple{"other.example", false, "other.example"}, std::tuple{"192.0.2.1", false, ""},
-        std::tuple{"127.0.0.1", true, ""}, std::tuple{"server.example", true, "server.example"}}) {
+        std::tuple{"127.0.0.1", true, ""}, std::tuple{"::1", true, ""},
+        std::tuple{"server.example", true, "server.example"}}) {
     ASSERT_EQ(ssl_obj_set_server_name(client_, name), 0);
     g_sni = "none";
     ASSERT_EQ(ssl_session_set_resume(client_, ""), 0);
