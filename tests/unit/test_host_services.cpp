@@ -1,21 +1,84 @@
-// Owner semantics of the mutex shim with real threads, and its hold across processes.
+// The host platform services against the real system: what the default log sink prints, the
+// flash file service on real files, the shell command runner, and the mutex shim's owner
+// semantics with real threads and its hold across processes.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <future>
+#include <string>
 #include <thread>
 
+#include "ds_system.h"
 #include "file_bytes.h"
+#include "fs_public.h"
 #include "ivra_mutex.h"
+#include "msg_diag.h"
+#include "private_root.h"
 #include "subprocess.h"
 
 namespace kora::test {
 namespace {
 
 using namespace std::chrono_literals;
+
+TEST(DefaultSink, PrintsOneLinePerMessageAndHighOnlyWhenVerbose) {
+  const struct {
+    uint32_t mask;
+    int verbose;
+    const char *fmt, *text, *printed;
+  } cases[] = {
+      {0x8, 0, "%s", "SSL directory unavailable \n", "ERROR ssl_store:42 SSL directory unavailable \n"},
+      {0x8, 0, "%s", "Keyblob is generated", "ERROR ssl_store:42 Keyblob is generated\n"},
+      {0x4, 0, "%s", "Root directory unavailable\n", ""},
+      {0x4, 1, "%s", "Root directory unavailable\n", "HIGH ssl_store:42 Root directory unavailable\n"},
+      {0x8, 0, "[%s] 5%% %d", "x", "ERROR ssl_store:42 [x] 5% %d\n"}};
+  for (const auto& c : cases) {
+    const msg_const_type site = {{42, 65, c.mask}, c.fmt, "ssl_store"};
+    msg_set_verbose(c.verbose);
+    testing::internal::CaptureStderr();
+    msg_sprintf(&site, c.text);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.printed) << c.fmt << " " << c.text;
+  }
+}
+
+int put(const char* path, const std::string& data, int oflag, int mode = 0600) {
+  return efs_put(path, const_cast<char*>(data.data()), data.size(), oflag, mode);
+}
+
+// The store writes its key files with flags 0x41 (write-only, create, no truncation), mode 0777;
+// a missing directory, no O_CREAT and a full disk fail with a negative result.
+TEST(HostEfs, StoreFlagsCreateWithModeAndDoNotTruncateAndFailuresReturnNegative) {
+  ::umask(0);
+  const char* path = "/data/data_velto/takey.nonce";
+  fs_stat st{};
+  EXPECT_LT(efs_stat(path, &st), 0);
+  ASSERT_EQ(put(path, "abcdef", 0x41, 0x1ff), 6);
+  ASSERT_EQ(efs_stat(path, &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0777u);
+  ASSERT_EQ(put(path, "XY", 0x41, 0x1ff), 2);
+  EXPECT_EQ(slurp(path), "XYcdef") << "0x41 carries no truncation";
+  ASSERT_EQ(::mkdir("/data/small", 0755), 0);
+  ASSERT_EQ(mount_tmpfs("/data/small", "size=64k"), "");
+  EXPECT_LT(put("/data/data_velto/no/such", "k", O_WRONLY | O_CREAT), 0);
+  EXPECT_LT(put("/data/data_velto/new", "k", O_WRONLY), 0) << "no O_CREAT";
+  EXPECT_LT(put("/data/small/big", std::string(256 * 1024, 'k'), O_WRONLY | O_CREAT), 0) << "disk full";
+}
+
+// The shell runner's results, and completion before it returns.
+TEST(Shell, ReturnsTheShellsStatusForTheGivenLengthOnceTheEffectIsVisible) {
+  EXPECT_EQ(ds_system_call("kill -9 $$", 10), 128 + 9);
+  EXPECT_EQ(ds_system_call("exit 7; exit 9", 6), 7) << "only `length` characters run";
+  EXPECT_EQ(ds_system_call(nullptr, 4), -1);
+  const std::string line =
+      "sleep 0.2 && mkdir /data/data_velto/.ssl/ && echo done > /data/data_velto/.ssl/mark";
+  ASSERT_EQ(ds_system_call(line.c_str(), line.size()), 0);
+  EXPECT_EQ(slurp("/data/data_velto/.ssl/mark"), "done\n");
+}
 
 // A detached thread takes `m`; the future is ready once it has it. If the lock never comes,
 // the process ends with the thread still waiting, so `m` must outlive the test body.
