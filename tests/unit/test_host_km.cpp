@@ -1,6 +1,7 @@
 // The host key service with real OpenSSL and a real root key file on the private tmpfs; built
 // a second time with KORA_KM_TOKEN_TESTS, where the same properties run against the PKCS#11
 // backend on a private SoftHSM2 token.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/rand.h>
 #include <sys/stat.h>
@@ -36,6 +37,7 @@ extern "C" int RAND_bytes(unsigned char* buf, int num) {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using testing::HasSubstr;
 namespace km = kora::km;
 namespace fs = std::filesystem;
 const char* const kRootKey = "/data/km/root.key";
@@ -102,7 +104,7 @@ class HostKm : public testing::Test {
 class HostKmCase : public HostKm, public testing::WithParamInterface<Case> {};
 
 // A failed call's reason does not outlive it: the next call that works reports none.
-TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcess) {
+TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcessAndEveryAlterationFails) {
   EXPECT_NE(crypt(blob_, nonce_, Bytes(3, 'x'), 7), 0);
   EXPECT_STRNE(kora_km_last_error(), "");
   for (size_t n : {0, 17, 100000}) {
@@ -127,23 +129,20 @@ TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcess) {
               return crypt(blob_, nonce_, sealed, kUnseal, &back) == 0 && back == plain ? 0 : 1;
             }),
             0);
-}
-
-// One byte more, every truncation, a low and a high bit flipped in each byte, another nonce,
-// another key blob; a damaged key blob fails every call.
-TEST_F(HostKm, EveryAlterationFailsAuthentication) {
+  // One byte more, every truncation, a low and a high bit flipped in each byte, another nonce,
+  // another key blob; a damaged key blob fails every call.
   for (size_t i = 0; i < blob_.size(); ++i) {
     Bytes bad = blob_;
     bad[i] ^= 0x10;
     EXPECT_EQ(crypt(bad, nonce_, Bytes(3), kSeal), km::kErrKeyBlob) << "byte " << i;
   }
-  const Bytes sealed = seal(random_bytes(40));
-  std::vector<Bytes> altered{sealed};
+  const Bytes sealed40 = seal(random_bytes(40));
+  std::vector<Bytes> altered{sealed40};
   altered[0].push_back(0);
-  for (size_t i = 0; i < sealed.size(); ++i) {
-    altered.emplace_back(sealed.begin(), sealed.begin() + static_cast<long>(i));
+  for (size_t i = 0; i < sealed40.size(); ++i) {
+    altered.emplace_back(sealed40.begin(), sealed40.begin() + static_cast<long>(i));
     for (uint8_t bit : {0x01, 0x80}) {
-      altered.push_back(sealed);
+      altered.push_back(sealed40);
       altered.back()[i] ^= bit;
     }
   }
@@ -152,13 +151,13 @@ TEST_F(HostKm, EveryAlterationFailsAuthentication) {
   }
   Bytes other_nonce = nonce_;
   other_nonce[11] ^= 1;
-  EXPECT_EQ(crypt(blob_, other_nonce, sealed, kUnseal), km::kErrAuth);
-  EXPECT_EQ(crypt(new_blob(), nonce_, sealed, kUnseal), km::kErrAuth);
+  EXPECT_EQ(crypt(blob_, other_nonce, sealed40, kUnseal), km::kErrAuth);
+  EXPECT_EQ(crypt(new_blob(), nonce_, sealed40, kUnseal), km::kErrAuth);
 }
 
 // Threads sealing and opening at once under two key blobs in turn (each switch replaces the
 // cached key, or the token's unwrapped key) all get their own bytes back.
-TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
+TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBackAndTheRootKeyIsReplacedOnlyWhenAsked) {
   const Bytes blobs[2] = {blob_, new_blob()};
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
@@ -179,6 +178,17 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBack) {
     thread.join();
   }
   EXPECT_EQ(failures, 0);
+  // Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
+  // The environment's root-key path only when it names one: empty or unset means the default.
+  EXPECT_EQ(kora_km_make_root_key(0), 0);
+  seal(Bytes(3));
+  EXPECT_EQ(kora_km_make_root_key(1), 0);
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+  unsetenv("KORA_KM_ROOT_KEY");
+  const std::string fallback = km::root_key_path();
+  setenv("KORA_KM_ROOT_KEY", "", 1);
+  EXPECT_EQ(km::root_key_path(), fallback);
+  EXPECT_EQ(fallback.front(), '/');
 }
 
 #ifndef KORA_KM_TOKEN_TESTS
@@ -237,9 +247,9 @@ TEST_P(HostKmCase, RootKeyRefusedWithTheFileAndTheRuleNamed) {
   km::forget_keys();
   EXPECT_TRUE(GetParam().create ? new_blob(km::kErrRootKey).empty()
                                 : crypt(blob_, nonce_, sealed, kUnseal) == km::kErrRootKey);
-  const std::string why = kora_km_last_error(), path = GetParam().path;
-  EXPECT_NE(why.find(GetParam().says), std::string::npos) << why;
-  EXPECT_NE(why.find(path.substr(0, path.rfind('/'))), std::string::npos) << why;
+  const std::string path = GetParam().path;
+  EXPECT_THAT(kora_km_last_error(),
+              testing::AllOf(HasSubstr(GetParam().says), HasSubstr(path.substr(0, path.rfind('/')))));
   EXPECT_LT(kora_km_root_key_state(), 1);
   EXPECT_TRUE((GetParam().label != std::string("missing") && !GetParam().create) ||
               access(path.c_str(), F_OK) != 0)
@@ -299,7 +309,7 @@ TEST_F(HostKm, TokenRootKeyIsSensitiveAndEachBackendRefusesTheOthersSeal) {
   EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
   setenv("KORA_KM_PKCS11_URI", uri.c_str(), 1);
   EXPECT_EQ(crypt(blob_, nonce_, by_file, kUnseal), km::kErrFormat);
-  EXPECT_NE(std::string(kora_km_last_error()).find("file backend"), std::string::npos);
+  EXPECT_THAT(kora_km_last_error(), HasSubstr("file backend"));
   EXPECT_EQ(crypt(file_blob, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
 }
 
@@ -311,7 +321,7 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   setenv("KORA_P11_FAULT", "C_DestroyObject C_Logout C_CloseSession C_Finalize", 1);
   blob_ = new_blob();  // under a second root key
   EXPECT_EQ(kora_km_make_root_key(1), km::kErrToken);
-  EXPECT_NE(std::string(kora_km_last_error()).find("removing the old root key"), std::string::npos);
+  EXPECT_THAT(kora_km_last_error(), HasSubstr("removing the old root key"));
   setenv("KORA_P11_FAULT", "C_Encrypt", 1);  // after the data key is unwrapped
   EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrToken);
   EXPECT_STREQ(kora_km_last_error(), "the token sealed 3 bytes into 18");
@@ -328,8 +338,7 @@ TEST_P(HostKmCase, TokenUriSaysWhatIsWrong) {
   // A second call fails the same way (and a refused PIN is not tried on the token again).
   for (int attempt = 0; attempt < 2; ++attempt) {
     EXPECT_EQ(crypt(blob_, nonce_, sealed, kUnseal), GetParam().rc);
-    EXPECT_NE(std::string(kora_km_last_error()).find(GetParam().says), std::string::npos)
-        << kora_km_last_error();
+    EXPECT_THAT(kora_km_last_error(), HasSubstr(GetParam().says));
   }
 }
 INSTANTIATE_TEST_SUITE_P(
@@ -346,19 +355,5 @@ INSTANTIATE_TEST_SUITE_P(
              km::kErrToken}),
     testing::PrintToStringParamName());
 #endif
-
-// Asked to keep it, an existing root key stays; asked to replace it, old key blobs stop working.
-// The environment's root-key path only when it names one: empty or unset means the default.
-TEST_F(HostKm, RootKeyIsReplacedOnlyWhenAskedAndAnEmptyPathMeansTheDefault) {
-  EXPECT_EQ(kora_km_make_root_key(0), 0);
-  seal(Bytes(3));
-  EXPECT_EQ(kora_km_make_root_key(1), 0);
-  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
-  unsetenv("KORA_KM_ROOT_KEY");
-  const std::string fallback = km::root_key_path();
-  setenv("KORA_KM_ROOT_KEY", "", 1);
-  EXPECT_EQ(km::root_key_path(), fallback);
-  EXPECT_EQ(fallback.front(), '/');
-}
 
 }  // namespace
