@@ -105,13 +105,10 @@ std::string enter_private_store_root() {
   } else {
     // No /data on the host: build a new root so that nothing is created on the host.
     const std::string staging = std::filesystem::is_directory("/mnt", ec) ? "/mnt" : "/tmp";
-    if (std::string why = mount_tmpfs(staging, "mode=0755"); !why.empty()) {
-      return why;
-    }
-    if (std::string why = build_root(staging); !why.empty()) {
-      return why;
-    }
-    if (std::string why = mount_store_fs(staging + "/data"); !why.empty()) {
+    std::string why = mount_tmpfs(staging, "mode=0755");
+    why = why.empty() ? build_root(staging) : why;
+    why = why.empty() ? mount_store_fs(staging + "/data") : why;
+    if (!why.empty()) {
       return why;
     }
     if (chdir(staging.c_str()) != 0 || chroot(".") != 0) {
