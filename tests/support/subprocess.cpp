@@ -124,7 +124,7 @@ int loopback_socket(int* port, bool listening) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(*port));
+  addr.sin_port = htons(static_cast<uint16_t>(listening ? 0 : *port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   auto* sa = reinterpret_cast<sockaddr*>(&addr);
   socklen_t len = sizeof addr;
@@ -142,10 +142,7 @@ int loopback_socket(int* port, bool listening) {
 
 int connect_loopback(int port) { return loopback_socket(&port, false); }
 
-int listen_loopback(int* port) {
-  *port = 0;
-  return loopback_socket(port, true);
-}
+int listen_loopback(int* port) { return loopback_socket(port, true); }
 
 int in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
