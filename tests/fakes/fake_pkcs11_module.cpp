@@ -39,10 +39,8 @@ CK_RV finalize(CK_VOID_PTR r) { return faulty("C_Finalize") ? CKR_FUNCTION_FAILE
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
   void* softhsm = dlopen(KORA_SOFTHSM2_MODULE, RTLD_NOW | RTLD_LOCAL);
-  if (softhsm == nullptr) {
-    return CKR_GENERAL_ERROR;
-  }
-  auto* get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(softhsm, "C_GetFunctionList"));
+  auto* get = reinterpret_cast<CK_C_GetFunctionList>(softhsm != nullptr ? dlsym(softhsm, "C_GetFunctionList")
+                                                                        : nullptr);
   if (get == nullptr || get(&g_real) != CKR_OK) {
     return CKR_GENERAL_ERROR;
   }
