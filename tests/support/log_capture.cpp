@@ -4,10 +4,6 @@
 
 namespace kora::test {
 
-LogCapture::LogCapture() { msg_set_sink(&LogCapture::sink, this); }
-
-LogCapture::~LogCapture() { msg_set_sink(nullptr, nullptr); }
-
 void LogCapture::sink(const msg_const_type* site, const char* text, void* user) {
   auto* self = static_cast<LogCapture*>(user);
   const std::lock_guard<std::mutex> lock(self->mutex_);
