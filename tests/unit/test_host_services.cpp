@@ -133,27 +133,23 @@ pid_t hold_in_child(ivra_mutex_t* m) {
   return pid;
 }
 
-// How a child that asks for `m` ends (exit status), with its stderr in `err_path`.
-int lock_in_child(ivra_mutex_t* m, const char* err_path) {
-  return in_child([&] {
-    (void)std::freopen(err_path, "w", stderr);
-    ivra_mutex_lock(m);
-    return 0;
-  });
-}
-
 // Another process's hold keeps this one out for a bounded time, after which it ends naming
 // the holder; once the holder dies the lock is free again.
 TEST(HostMutexAcrossProcesses, WaitIsBoundedAndNamesTheHolderWhoseDeathFreesIt) {
   static ivra_mutex_t m = IVRA_MUTEX_INITIALIZER;
   ::setenv("KORA_SSL_LOCK_WAIT", "1", 1);
+  // How a child that asks for `m` ends (exit status), with its stderr in /data/waiter.err.
+  const auto lock_in_child = [] {
+    (void)std::freopen("/data/waiter.err", "w", stderr);
+    return ivra_mutex_lock(&m);
+  };
   const pid_t holder = hold_in_child(&m);
-  EXPECT_EQ(lock_in_child(&m, "/data/waiter.err"), 75);
+  EXPECT_EQ(in_child(lock_in_child), 75);
   const std::string said = slurp("/data/waiter.err");
   EXPECT_NE(said.find("locked by process " + std::to_string(holder)), std::string::npos) << said;
   ::kill(holder, SIGKILL);
   ::waitpid(holder, nullptr, 0);
-  EXPECT_EQ(lock_in_child(&m, "/data/waiter.err"), 0);
+  EXPECT_EQ(in_child(lock_in_child), 0);
 }
 
 }  // namespace
