@@ -18,10 +18,9 @@ std::vector<LoggedMessage> LogCapture::messages() const {
 }
 
 std::vector<std::string> LogCapture::texts() const {
-  std::vector<std::string> out;
-  for (const auto& m : messages()) {
-    out.push_back(m.text);
-  }
+  const std::vector<LoggedMessage> all = messages();
+  std::vector<std::string> out(all.size());
+  std::transform(all.begin(), all.end(), out.begin(), [](const LoggedMessage& m) { return m.text; });
   return out;
 }
 
