@@ -167,10 +167,9 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBackAndTheRootKeyIsReplace
         const Bytes& blob = blobs[(t + i) % 2];
         const Bytes plain = random_bytes(static_cast<size_t>(100 + i));
         Bytes sealed, back;
-        if (crypt(blob, nonce_, plain, kSeal, &sealed) != 0 ||
-            crypt(blob, nonce_, sealed, kUnseal, &back) != 0 || back != plain) {
-          ++failures;
-        }
+        const bool ok = crypt(blob, nonce_, plain, kSeal, &sealed) == 0 &&
+                        crypt(blob, nonce_, sealed, kUnseal, &back) == 0 && back == plain;
+        failures += ok ? 0 : 1;
       }
     });
   }
