@@ -22,6 +22,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using kora::test::slurp;
 
 const std::string kSessions = "/data/data_velto/.ssl/sessions/";
@@ -100,9 +101,7 @@ class ObjectPair : public ::testing::TestWithParam<int> {
 };
 
 TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
-  const auto open_fds = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  };
+  const auto open_fds = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   const auto fds_before = open_fds();
   EXPECT_EQ(ssl_obj_set_ciphers(client_, nullptr, "TLS_AES_128_GCM_SHA256:TLS_BOGUS"), -1)
       << "unknown suite ignored";
@@ -120,7 +119,6 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_STREQ(first.info.peer_alert, "") << "an alert noted where the peer sent none";
   ASSERT_EQ(first.save_rc, 0);
   EXPECT_EQ(first.saved, kSession1);
-  namespace fs = std::filesystem;
   EXPECT_EQ(fs::status(kTimestamp1).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_NE(slurp(kSession1).substr(0, 1), "\x30")
       << "the session (and its master secret) stored in the clear";
@@ -179,7 +177,7 @@ TEST_P(ObjectPair, SavedSessionIsNamedAfterTheCredentialAndResumedNextTime) {
   EXPECT_EQ(connect().save_rc, SSL_UTIL_ERR_FAILED);
   EXPECT_TRUE(
       log.has("ssl_session_save: cannot write session files for cred (errno 28)\n", kora::test::kError));
-  EXPECT_TRUE(std::filesystem::is_empty(kSessions)) << "a half-written session left";
+  EXPECT_TRUE(fs::is_empty(kSessions)) << "a half-written session left";
 }
 
 // An alert OpenSSL has no text for is named by its number: a TLS 1.2 client that says it fell
