@@ -113,21 +113,16 @@ TEST(HostMutex, StrayReleasesChangeNothingAndAHoldNeverReleasedBlocksEveryone) {
   EXPECT_EQ(lock_in_thread(&never).wait_for(150ms), std::future_status::timeout);
 }
 
-// A child that takes `m` and keeps it until it is killed; returns its pid once it holds it.
+// A child that takes `m` and keeps it until it is killed; returns its pid once it holds it
+// (the child stops itself then, holding on).
 pid_t hold_in_child(ivra_mutex_t* m) {
-  int ready[2];
-  EXPECT_EQ(::pipe(ready), 0);
   const pid_t pid = ::fork();
   if (pid == 0) {
     ivra_mutex_lock(m);
-    (void)::write(ready[1], "h", 1);
-    ::pause();
+    ::raise(SIGSTOP);
     _exit(0);
   }
-  char c = 0;
-  EXPECT_EQ(::read(ready[0], &c, 1), 1);
-  ::close(ready[0]);
-  ::close(ready[1]);
+  EXPECT_EQ(::waitpid(pid, nullptr, WUNTRACED), pid);
   return pid;
 }
 
