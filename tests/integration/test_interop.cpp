@@ -2,7 +2,6 @@
 // "openssl s_server". Server objects meet their peers in test_peers.cpp, through the tool.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,21 +30,17 @@ struct Exchange {
   int open_rc = -99;
   std::string reply;
   ssl_conn_info_t info{};
+  int server_exit = -99;  // the server's exit code, -1 when it did not end
+  std::string server_log;
 };
 
-// The loading tests' started store, plus the objects a case makes and a directory for the tool.
+// The loading tests' started store and client object, plus a directory for the tool.
 class Interop : public LoadingTest {
  protected:
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);  // a peer that hangs up must not end the test process
     ::mkdir("/data/tool", 0700);
     LoadingTest::SetUp();
-  }
-  void TearDown() override {
-    for (ssl_obj_hdl_t hdl : objects_) {
-      ssl_obj_free(hdl);
-    }
-    LoadingTest::TearDown();
   }
 
   static std::string tool_file(const std::string& name, const std::string& content) {
@@ -56,30 +51,19 @@ class Interop : public LoadingTest {
     return {"-cert", tool_file("srv.pem", cred.cert_pem()), "-key", tool_file("srv.key", cred.key_pem())};
   }
 
-  // "openssl s_server -www" on 127.0.0.1 at a free port, serving one connection.
-  static std::unique_ptr<Subprocess> s_server(std::vector<std::string> args, int* port) {
+  // Starts "openssl s_server -www" with `args` on 127.0.0.1 at a free port for one connection,
+  // connects `hdl` to it, asks for the status page and reads it to its end (the tool sends no
+  // close notification). `before_close` runs while the connection is still open.
+  static Exchange request(ssl_obj_hdl_t hdl, std::vector<std::string> args,
+                          const std::function<void()>& before_close = {}) {
+    static const std::string kRequest = "GET / HTTP/1.0\r\n\r\n";
     args.insert(args.begin(), {"openssl", "s_server", "-accept", "127.0.0.1:0", "-www", "-naccept", "1"});
     std::string why;
     auto server = Subprocess::start(args, &why);
     const std::string line = server ? server->wait_for_line("ACCEPT 127.0.0.1:", 10s) : "";
-    *port = line.empty() ? -1 : std::atoi(line.c_str() + 17);
-    EXPECT_GT(*port, 0) << (server ? server->output() : why);
-    return *port > 0 ? std::move(server) : nullptr;
-  }
-
-  ssl_obj_hdl_t object(ssl_obj_role_t role) {
-    ssl_obj_hdl_t hdl = 0;
-    EXPECT_EQ(ssl_obj_create(role, &hdl), 0);
-    objects_.push_back(hdl);
-    return hdl;
-  }
-
-  // Connects `hdl`, asks for the status page and reads it to its end (the tool sends no close
-  // notification). `before_close` runs while the connection is still open.
-  static Exchange request(ssl_obj_hdl_t hdl, int port, const std::function<void()>& before_close = {}) {
-    static const std::string kRequest = "GET / HTTP/1.0\r\n\r\n";
+    EXPECT_FALSE(line.empty()) << (server ? server->output() : why);
     Exchange out;
-    const int fd = connect_loopback(port);
+    const int fd = connect_loopback(line.empty() ? -1 : std::atoi(line.c_str() + 17));
     out.open_rc = ssl_conn_open(hdl, fd);
     if (out.open_rc == 0 && ssl_conn_write(hdl, kRequest.data(), static_cast<int>(kRequest.size())) ==
                                 static_cast<int>(kRequest.size())) {
@@ -95,12 +79,13 @@ class Interop : public LoadingTest {
     }
     ssl_conn_close(hdl);
     ::close(fd);
+    out.server_exit = server ? server->wait_exit(10s) : -1;
+    out.server_log = server ? server->output() : why;
     return out;
   }
 
   const Credential ca_ = issue("interop-ca", nullptr, true);
   const Credential server_ = issue("server.test", &ca_);
-  std::vector<ssl_obj_hdl_t> objects_;
 };
 
 class Versions : public Interop, public ::testing::WithParamInterface<int> {};
@@ -113,20 +98,16 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.cert_pem());
   put("dev", KORA_NET_SSL_CERTIFICATE_E, dev.key_pem(), true);
   put("interop-ca", KORA_NET_SSL_CA_LIST_E, ca_.cert_pem());
-  const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
-  ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
-  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, GetParam(), GetParam()), 0);
-  ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
+  ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CA_LIST_E, "interop-ca"), 0);
+  ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CERTIFICATE_E, "dev"), 0);  // names the object "dev"
+  ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl_, GetParam(), GetParam()), 0);
+  ASSERT_EQ(ssl_obj_set_server_name(hdl_, "server.test"), 0);
   auto args = cert_args(server_);
   args.insert(args.end(), {"-Verify", "1", "-CAfile", tool_file("ca.pem", ca_.cert_pem()),
                            GetParam() == TLS1_3_VERSION ? "-tls1_3" : "-tls1_2"});
-  int port = 0;
-  auto server = s_server(args, &port);
-  ASSERT_NE(server, nullptr);
   char saved[512] = {};
   int save_rc = -99;
-  const Exchange first = request(hdl, port, [&] { save_rc = ssl_session_save(hdl, saved, sizeof saved); });
+  const Exchange first = request(hdl_, args, [&] { save_rc = ssl_session_save(hdl_, saved, sizeof saved); });
   ASSERT_EQ(first.open_rc, 0);
   EXPECT_EQ(first.info.verify_result, X509_V_OK);
   EXPECT_STREQ(first.info.peer_subject, "/CN=server.test");
@@ -135,7 +116,7 @@ TEST_P(Versions, StoredClientCertificateIsAcceptedAndItsSessionRemovedWithIt) {
   const std::string session = kSessions + "dev_1.session", timestamp = kSessions + "dev_1.timestamp";
   EXPECT_EQ(saved, session);
   ASSERT_TRUE(exists(session) && exists(timestamp));
-  EXPECT_EQ(server->wait_exit(10s), 0) << server->output();
+  EXPECT_EQ(first.server_exit, 0) << first.server_log;
   ASSERT_EQ(SSL_cert_store("dev", KORA_NET_SSL_CERTIFICATE_E, nullptr, 0, false), 0);
   EXPECT_FALSE(exists(session) || exists(timestamp));
 }
@@ -151,17 +132,15 @@ TEST_F(Interop, StoredCaListAcceptsItsServerAndRefusesAnotherCaOrAnotherHostClea
        {std::tuple{&server_, 0, long{X509_V_OK}},
         std::tuple{&impostor, -1, long{X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}},
         std::tuple{&other_host, -1, long{X509_V_ERR_HOSTNAME_MISMATCH}}}) {
-    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
-    ASSERT_EQ(ssl_obj_set_server_name(hdl, "server.test"), 0);
-    int port = 0;
-    auto server = s_server(cert_args(*presented), &port);
-    ASSERT_NE(server, nullptr);
-    const Exchange ex = request(hdl, port);
+    ssl_obj_free(hdl_);  // a fresh object for each peer
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_CA_LIST_E, "trusted"), 0);
+    ASSERT_EQ(ssl_obj_set_server_name(hdl_, "server.test"), 0);
+    const Exchange ex = request(hdl_, cert_args(*presented));
     EXPECT_EQ(ex.open_rc, open_rc);
     EXPECT_EQ(ex.info.verify_result, verify_result);
     EXPECT_EQ(ex.reply.empty(), open_rc != 0);
-    EXPECT_GE(server->wait_exit(10s), 0) << "server did not end\n" << server->output();
+    EXPECT_GE(ex.server_exit, 0) << "server did not end\n" << ex.server_log;
   }
 }
 
@@ -177,25 +156,22 @@ TEST_F(Interop, PskTableEntryIsChosenByTheServersHintOrOfferedFirst) {
        {std::tuple{TLS1_2_VERSION, "beta", keys[1], 0}, std::tuple{TLS1_2_VERSION, "gamma", keys[2], 0},
         std::tuple{TLS1_2_VERSION, "delta", keys[0], -1}, std::tuple{TLS1_3_VERSION, "alpha", keys[0], 0}}) {
     const bool tls13 = version == TLS1_3_VERSION;
-    const ssl_obj_hdl_t hdl = object(SSL_OBJ_ROLE_CLIENT);
-    ASSERT_EQ(SSL_cert_load(hdl, KORA_NET_SSL_PSK_TABLE_E, "psks"), 0);
-    ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl, version, version), 0);
-    ASSERT_EQ(ssl_obj_set_ciphers(hdl, "PSK-AES128-GCM-SHA256",
+    ssl_obj_free(hdl_);  // a fresh object for each peer
+    ASSERT_EQ(ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &hdl_), 0);
+    ASSERT_EQ(SSL_cert_load(hdl_, KORA_NET_SSL_PSK_TABLE_E, "psks"), 0);
+    ASSERT_EQ(ssl_obj_set_protocol_bounds(hdl_, version, version), 0);
+    ASSERT_EQ(ssl_obj_set_ciphers(hdl_, "PSK-AES128-GCM-SHA256",
                                   "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256"),
               0);
-    int port = 0;
-    auto server = s_server(
-        {"-nocert", "-psk", key, "-psk_identity", identity, "-psk_hint", identity, "-cipher",
-         "PSK-AES128-GCM-SHA256", "-ciphersuites", "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"},
-        &port);
-    ASSERT_NE(server, nullptr);
-    const Exchange ex = request(hdl, port);
+    const Exchange ex = request(hdl_, {"-nocert", "-psk", key, "-psk_identity", identity, "-psk_hint",
+                                       identity, "-cipher", "PSK-AES128-GCM-SHA256", "-ciphersuites",
+                                       "TLS_AES_128_GCM_SHA256", tls13 ? "-tls1_3" : "-tls1_2"});
     EXPECT_EQ(ex.open_rc, open_rc) << identity;
     EXPECT_EQ(ex.reply.find("</HTML>") != std::string::npos, open_rc == 0) << identity;
     if (open_rc == 0) {
       EXPECT_STREQ(ex.info.cipher, tls13 ? "TLS_AES_128_GCM_SHA256" : "PSK-AES128-GCM-SHA256");
     }
-    EXPECT_GE(server->wait_exit(10s), 0) << identity << "\n" << server->output();
+    EXPECT_GE(ex.server_exit, 0) << identity << "\n" << ex.server_log;
   }
 }
 

@@ -122,30 +122,25 @@ class Peers : public ::testing::TestWithParam<Case> {
  protected:
   void SetUp() override {
     ::setenv("KORA_KM_ROOT_KEY", "/data/km/root.key", 1);
-    ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700), 0);
-    const auto issue = [](const char* cn, const certgen::Credential* by,
-                          std::vector<certgen::AltName> alt = {}) {
-      const bool ca = alt.empty();
-      const certgen::CertSpec spec{{{"CN", cn}}, std::move(alt), false, ca};
-      return by == nullptr ? certgen::make_self_signed(spec) : certgen::make_signed(spec, *by);
-    };
-    const auto root = issue("root", nullptr), other = issue("other-root", nullptr), mid = issue("mid", &root);
-    const auto srv = issue("server.test", &mid, {{GEN_DNS, "server.test"}, {GEN_IPADD, {"\x7f\0\0\x01", 4}}});
-    const auto dev = issue("dev", &mid, {{GEN_DNS, "dev"}});
+    ASSERT_EQ(::mkdir("/data/km", 0700) | ::mkdir("/data/in", 0700) | ::chdir("/data/in"), 0);
+    const auto root = certgen::make_self_signed({{{"CN", "root"}}, {}, false, true});
+    const auto other = certgen::make_self_signed({{{"CN", "other-root"}}, {}, false, true});
+    const auto mid = certgen::make_signed({{{"CN", "mid"}}, {}, false, true}, root);
+    const auto srv = certgen::make_signed(
+        {{{"CN", "server.test"}}, {{GEN_DNS, "server.test"}, {GEN_IPADD, {"\x7f\0\0\x01", 4}}}, false, false},
+        mid);
+    const auto dev = certgen::make_signed({{{"CN", "dev"}}, {{GEN_DNS, "dev"}}, false, false}, mid);
     const std::string psk = "beta:ffeeddccbbaa99887766554433221100\n";
-    for (const auto& [name, bytes] : {std::pair{"root.pem", root.cert_pem()},
-                                      {"other.pem", other.cert_pem()},
-                                      {"srv.pem", srv.cert_pem() + mid.cert_pem()},
-                                      {"srv.key", srv.key_pem()},
-                                      {"dev.pem", dev.cert_pem() + mid.cert_pem()},
-                                      {"dev.key", dev.key_pem()},
-                                      {"beta.psk", psk},
-                                      {"tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk}}) {
-      spill(std::string("/data/in/") + name, bytes);
-    }
-    cli_all({"init", "put cert dev --cert /data/in/dev.pem --key /data/in/dev.key",
-             "put cert srv --cert /data/in/srv.pem --key /data/in/srv.key", "put ca root /data/in/root.pem",
-             "put psk tab /data/in/tab.psk"});
+    spill("root.pem", root.cert_pem());
+    spill("other.pem", other.cert_pem());
+    spill("srv.pem", srv.cert_pem() + mid.cert_pem());
+    spill("srv.key", srv.key_pem());
+    spill("dev.pem", dev.cert_pem() + mid.cert_pem());
+    spill("dev.key", dev.key_pem());
+    spill("beta.psk", psk);
+    spill("tab.psk", "alpha:00112233445566778899aabbccddeeff\n" + psk);
+    cli_all({"init", "put cert dev --cert dev.pem --key dev.key", "put cert srv --cert srv.pem --key srv.key",
+             "put ca root root.pem", "put psk tab tab.psk"});
   }
 };
 

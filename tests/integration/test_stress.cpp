@@ -29,23 +29,21 @@
 #include "ssl_store.h"
 #include "ssl_util.h"
 
+namespace kora::test {
 namespace {
 
 constexpr int kThreads = 8;
 constexpr int kOperations = 10000;
 // Far beyond a normal run even under valgrind or qemu; reaching it means a thread is stuck.
 constexpr auto kDeadline = std::chrono::seconds(540);
-using kora::test::store;
 const std::array<std::string, 3> kNames = {"alpha", "beta", "gamma"};
 
 // What may be stored under one name: one certificate and key pair (the two files are written
 // by separate calls, so a pair of different generations must never be possible), and two
 // variants of CA list and PSK table, so that a file mixing two writes shows.
 struct NameContent {
-  std::string cert;
-  std::string key;
-  std::array<std::string, 2> ca;
-  std::array<std::string, 2> psk;
+  std::string cert, key;
+  std::array<std::string, 2> ca, psk;
 };
 
 enum class Op { kStoreCert, kStoreCa, kStorePsk, kLoadCert, kLoadCa, kLoadPsk, kList, kRemove, kCount };
@@ -60,23 +58,20 @@ struct Worker {
 };
 
 // The loading fixture starts the store (and holds one object of its own, leaving nine).
-class StressTest : public kora::test::LoadingTest {
+class StressTest : public LoadingTest {
  protected:
   void SetUp() override {
     LoadingTest::SetUp();
     for (size_t i = 0; i < kNames.size(); ++i) {
-      kora::certgen::CertSpec spec;
-      spec.subject = {{"CN", kNames[i]}};
-      auto pair = kora::certgen::make_self_signed(spec);
-      spec.is_ca = true;
-      auto ca_a = kora::certgen::make_self_signed(spec);
-      auto ca_b = kora::certgen::make_self_signed(spec);
+      const auto pair = certgen::make_self_signed({{{"CN", kNames[i]}}, {}, false, false});
+      const certgen::CertSpec ca{{{"CN", kNames[i]}}, {}, false, true};
+      const auto ca_a = certgen::make_self_signed(ca), ca_b = certgen::make_self_signed(ca);
       // Alternate PEM and DER so that both decoders run under contention.
       content_[i].cert = i % 2 ? bytes_of(pair.cert_der()) : pair.cert_pem();
       content_[i].key = i % 2 ? bytes_of(pair.key_der()) : pair.key_pem();
       content_[i].ca = {ca_a.cert_pem(), ca_b.cert_pem()};
-      content_[i].psk = {kora::test::psk_table({{"client-" + kNames[i], std::string(16, 'a')}}),
-                         kora::test::psk_table({{"other-" + kNames[i], std::string(32, 'b')}})};
+      content_[i].psk = {psk_table({{"client-" + kNames[i], std::string(16, 'a')}}),
+                         psk_table({{"other-" + kNames[i], std::string(32, 'b')}})};
     }
   }
 
@@ -106,7 +101,9 @@ class StressTest : public kora::test::LoadingTest {
       case Op::kLoadCa:
         expect(SSL_cert_load(w.obj, op == Op::kLoadCa ? KORA_NET_SSL_CA_LIST_E : KORA_NET_SSL_CERTIFICATE_E,
                              name),
-               cert_results(w), "load");
+               w.psk_installed ? std::vector<int>{KORA_ERR_NOT_SUPPORTED}
+                               : std::vector<int>{KORA_OK, KORA_ERROR},
+               "load");
         break;
       case Op::kLoadPsk: {  // a missing file leaves an installed table in place
         const int status = SSL_cert_load(w.obj, KORA_NET_SSL_PSK_TABLE_E, name);
@@ -137,10 +134,6 @@ class StressTest : public kora::test::LoadingTest {
       case Op::kCount:
         break;
     }
-  }
-
-  static std::vector<int> cert_results(const Worker& w) {
-    return w.psk_installed ? std::vector<int>{KORA_ERR_NOT_SUPPORTED} : std::vector<int>{KORA_OK, KORA_ERROR};
   }
 
   void run_worker(Worker& w, unsigned seed, int operations) {
@@ -187,10 +180,9 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentials) {
 
   // Every file left is whole and byte for byte one of the credentials stored under its name
   // (absent is a valid outcome); there is no stray name and no temporary file.
-  const std::string& root = kora::test::kStoreRoot;
   for (const char* kind : {"certs/", "private_keys/", "ca_lists/", "psk_table/", "di_certs/"}) {
     std::error_code ec;
-    for (const auto& file : std::filesystem::directory_iterator(root + kind, ec)) {
+    for (const auto& file : std::filesystem::directory_iterator(kStoreRoot + kind, ec)) {
       const std::string name = file.path().filename();
       const size_t n = std::find(kNames.begin(), kNames.end(), name) - kNames.begin();
       ASSERT_LT(n, kNames.size()) << "stray file " << kind << name;
@@ -200,17 +192,16 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentials) {
                                                                        {"ca_lists/", {c.ca[0], c.ca[1]}},
                                                                        {"psk_table/", {c.psk[0], c.psk[1]}},
                                                                        {"di_certs/", {}}};
-      const auto plain = kora::test::read_stored(file.path());
+      const auto plain = read_stored(file.path());
       ASSERT_TRUE(plain) << kind << name << " is not a sealed credential";
       const auto& variants = allowed.at(kind);
       EXPECT_NE(std::find(variants.begin(), variants.end(), *plain), variants.end())
           << kind << name << " holds " << plain->size() << " bytes that were never stored under that name";
     }
   }
-  EXPECT_FALSE(std::filesystem::exists(root + "temp")) << "the CA list's temporary file was left behind";
+  EXPECT_FALSE(std::filesystem::exists(kStoreRoot + "temp"))
+      << "the CA list's temporary file was left behind";
 }
-
-}  // namespace
 
 // Processes, not threads: every CA load on the host goes through one plain scratch file.
 // Half the processes load the CA that issued a leaf, half another CA, and each verifies the
@@ -219,12 +210,10 @@ TEST_F(StressTest, EightThreadsLeaveOnlyWholeCredentials) {
 TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
   constexpr int kProcesses = 8;
   constexpr int kLoads = 25;
-  kora::certgen::CertSpec spec;
-  spec.is_ca = true;
-  const auto right = kora::certgen::make_self_signed(spec);
-  const auto wrong = kora::certgen::make_self_signed(spec);
-  spec.is_ca = false;
-  const auto leaf = kora::certgen::make_signed(spec, right);
+  certgen::CertSpec ca;
+  ca.is_ca = true;
+  const auto right = certgen::make_self_signed(ca), wrong = certgen::make_self_signed(ca);
+  const auto leaf = certgen::make_signed({}, right);
   put("right", KORA_NET_SSL_CA_LIST_E, right.cert_pem());
   put("wrong", KORA_NET_SSL_CA_LIST_E, wrong.cert_pem());
 
@@ -239,12 +228,12 @@ TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
         ssl_obj_hdl_t obj = 0;
         bool loaded = ssl_obj_create(SSL_OBJ_ROLE_CLIENT, &obj) == 0 &&
                       SSL_cert_load(obj, KORA_NET_SSL_CA_LIST_E, issuer ? "right" : "wrong") == KORA_OK;
-        X509_STORE_CTX* check = X509_STORE_CTX_new();
-        const bool trusted = loaded &&
-                             X509_STORE_CTX_init(check, SSL_CTX_get_cert_store(ssl_get_obj_context(obj)),
-                                                 leaf.cert.get(), nullptr) == 1 &&
-                             X509_verify_cert(check) == 1;
-        X509_STORE_CTX_free(check);
+        const std::unique_ptr<X509_STORE_CTX, Free<&X509_STORE_CTX_free>> check(X509_STORE_CTX_new());
+        const bool trusted =
+            loaded &&
+            X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(ssl_get_obj_context(obj)),
+                                leaf.cert.get(), nullptr) == 1 &&
+            X509_verify_cert(check.get()) == 1;
         mistrusts += !issuer && trusted ? 1 : 0;
         failed += !loaded || (issuer && !trusted) ? 1 : 0;
         ssl_obj_free(obj);
@@ -253,8 +242,7 @@ TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
     }
     pids.push_back(pid);
   }
-  int wrong_trusts = 0;
-  int failures = 0;
+  int wrong_trusts = 0, failures = 0;
   for (const pid_t pid : pids) {
     int status = 0;
     const bool exited = ::waitpid(pid, &status, 0) == pid && WIFEXITED(status);
@@ -264,3 +252,6 @@ TEST_F(StressTest, ProcessesLoadingDifferentCaListsNeverTrustTheOtherOne) {
   EXPECT_EQ(wrong_trusts, 0) << "a process trusted a leaf the CA it loaded never issued";
   EXPECT_EQ(failures, 0) << "a CA load failed or lost its CA to another process's";
 }
+
+}  // namespace
+}  // namespace kora::test
