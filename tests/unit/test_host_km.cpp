@@ -106,7 +106,7 @@ class HostKmCase : public HostKm, public testing::WithParamInterface<Case> {};
 // A failed call's reason does not outlive it: the next call that works reports none.
 TEST_F(HostKm, RoundTripsKeepEveryLengthWithAFreshIvAlsoInAFreshProcessAndEveryAlterationFails) {
   EXPECT_NE(crypt(blob_, nonce_, Bytes(3, 'x'), 7), 0);
-  EXPECT_STRNE(kora_km_last_error(), "");
+  EXPECT_STREQ(kora_km_last_error(), "bad arguments to the key service");
   for (size_t n : {0, 17, 100000}) {
     const Bytes plain = random_bytes(n), sealed = seal(plain);
     ASSERT_EQ(sealed.size(), n + 29) << n;
@@ -183,6 +183,7 @@ TEST_F(HostKm, ThreadsUnderTwoKeyBlobsGetTheirOwnBytesBackAndTheRootKeyIsReplace
   seal(Bytes(3));
   EXPECT_EQ(kora_km_make_root_key(1), 0);
   EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrKeyBlob);
+  EXPECT_THAT(kora_km_last_error(), HasSubstr("the key blob does not unwrap under the "));
   unsetenv("KORA_KM_ROOT_KEY");
   const std::string fallback = km::root_key_path();
   setenv("KORA_KM_ROOT_KEY", "", 1);
@@ -201,6 +202,8 @@ TEST_F(HostKm, FailingRandomSourceNeverReusesAnIvAndFirstUseCreatesOnePrivateRoo
   for (int i = 0; i <= 340; ++i) {
     failed += crypt(blob_, nonce_, Bytes(3, 'x'), kSeal) != 0 ? 1 : 0;
   }
+  EXPECT_EQ(km::file::make_root_key(true), km::kErrCrypto);
+  EXPECT_STREQ(kora_km_last_error(), "no random bytes for a root key");
   g_random_fails = false;
   EXPECT_GT(failed, 0);
   EXPECT_EQ(fs::status("/data/km").permissions(), fs::perms::owner_all);
@@ -220,7 +223,10 @@ TEST_F(HostKm, FailingRandomSourceNeverReusesAnIvAndFirstUseCreatesOnePrivateRoo
 // the rule named; a missing one is not made again while a key blob exists. One that cannot be
 // made (the file system is full, a directory cannot be made) is not put in place, and why is said.
 const Case kPlanted[] = {
-    {"symlink", "cd /data/km && mv root.key real && ln -s real root.key", kRootKey, "symbolic link"},
+    {"symlink", "cd /data/km && mv root.key real && ln -s real root.key", kRootKey,
+     "is a symbolic link; it must be a regular file"},
+    {"not_a_directory", "true", "/data/km/root.key/root.key",
+     "root key /data/km/root.key/root.key: Not a directory"},
     {"fifo", "rm /data/km/root.key && mkfifo -m 600 /data/km/root.key", kRootKey, "not a regular file"},
     {"directory", "rm /data/km/root.key && mkdir /data/km/root.key", kRootKey, "not a regular file"},
     {"group_readable", "chmod 640 /data/km/root.key", kRootKey, "group or other permission"},
@@ -327,6 +333,13 @@ TEST_F(HostKm, MisbehavingTokenIsNamedAndKeepsNoDataKey) {
   setenv("KORA_P11_FAULT", "C_Logout C_CloseSession C_Finalize", 1);
   km::forget_keys();
   EXPECT_EQ(look_into_token().back(), 3u) << "two root keys and the data key the token kept; no other";
+  setenv("KORA_P11_FAULT", "C_GetMechanismInfo", 1);
+  km::forget_keys();
+  EXPECT_EQ(crypt(blob_, nonce_, Bytes(3), kSeal), km::kErrToken);
+  EXPECT_STREQ(kora_km_last_error(), "token kora cannot do CKM_AES_KEY_GEN with 256-bit AES keys");
+  setenv("KORA_P11_FAULT", "C_GenerateKey", 1);
+  EXPECT_EQ(kora_km_make_root_key(1), km::kErrToken);
+  EXPECT_THAT(kora_km_last_error(), HasSubstr("making the root key"));
 }
 
 // What a user gets wrong in the URI or the token, each said plainly; a PIN from a file works.
@@ -347,9 +360,12 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"wrong_pin", kora::test::token_uri("pin-value=9999"), "", "wrong PIN", km::kErrToken},
         Case{"missing_token",
              "pkcs11:token=nope;object=kora-root?module-path=" KORA_SOFTHSM2_MODULE "&pin-value=1234", "",
-             "no token", km::kErrToken},
-        Case{"missing_key", kora::test::token_uri("pin-value=1234", "other"), "", "has no root key"},
-        Case{"other_id", kora::test::token_uri("pin-value=1234", "kora-root;id=%01"), "", "has no root key"},
+             "no token in " KORA_SOFTHSM2_MODULE " matches", km::kErrToken},
+        Case{"missing_key", kora::test::token_uri("pin-value=1234", "other"), "",
+             "the token has no root key "},
+        Case{"other_id", kora::test::token_uri("pin-value=1234", "kora-root;id=%01"), "",
+             "while a key blob exists: a new one would orphan every credential sealed under the old one "
+             "(kora-ssl-store init --force-new-key starts over)"},
         Case{"no_module", "pkcs11:token=kora;object=kora-root?module-path=/nonexistent.so", "", "cannot load",
              km::kErrToken}),
     testing::PrintToStringParamName());
