@@ -4,10 +4,6 @@
 
 namespace kora::test {
 
-LogCapture::LogCapture() { msg_set_sink(&LogCapture::sink, this); }
-
-LogCapture::~LogCapture() { msg_set_sink(nullptr, nullptr); }
-
 void LogCapture::sink(const msg_const_type* site, const char* text, void* user) {
   auto* self = static_cast<LogCapture*>(user);
   const std::lock_guard<std::mutex> lock(self->mutex_);
@@ -22,10 +18,9 @@ std::vector<LoggedMessage> LogCapture::messages() const {
 }
 
 std::vector<std::string> LogCapture::texts() const {
-  std::vector<std::string> out;
-  for (const auto& m : messages()) {
-    out.push_back(m.text);
-  }
+  const std::vector<LoggedMessage> all = messages();
+  std::vector<std::string> out(all.size());
+  std::transform(all.begin(), all.end(), out.begin(), [](const LoggedMessage& m) { return m.text; });
   return out;
 }
 

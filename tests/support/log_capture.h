@@ -21,8 +21,8 @@ struct LoggedMessage {
 // Installs itself as the message sink for its lifetime (one at a time).
 class LogCapture {
  public:
-  LogCapture();
-  ~LogCapture();
+  LogCapture() { msg_set_sink(&LogCapture::sink, this); }
+  ~LogCapture() { msg_set_sink(nullptr, nullptr); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 

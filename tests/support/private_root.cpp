@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -92,11 +91,8 @@ std::string enter_private_store_root() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return errno_text("make / private");
   }
-  char cwd[PATH_MAX];
-  if (getcwd(cwd, sizeof cwd) == nullptr) {
-    return errno_text("getcwd");
-  }
   std::error_code ec;
+  const std::filesystem::path cwd = std::filesystem::current_path(ec);
   if (std::filesystem::is_directory("/data", ec)) {
     // The host has a /data: hide it behind the store's file system in this namespace only.
     if (std::string why = mount_store_fs("/data"); !why.empty()) {
@@ -105,19 +101,16 @@ std::string enter_private_store_root() {
   } else {
     // No /data on the host: build a new root so that nothing is created on the host.
     const std::string staging = std::filesystem::is_directory("/mnt", ec) ? "/mnt" : "/tmp";
-    if (std::string why = mount_tmpfs(staging, "mode=0755"); !why.empty()) {
-      return why;
-    }
-    if (std::string why = build_root(staging); !why.empty()) {
-      return why;
-    }
-    if (std::string why = mount_store_fs(staging + "/data"); !why.empty()) {
+    std::string why = mount_tmpfs(staging, "mode=0755");
+    why = why.empty() ? build_root(staging) : why;
+    why = why.empty() ? mount_store_fs(staging + "/data") : why;
+    if (!why.empty()) {
       return why;
     }
     if (chdir(staging.c_str()) != 0 || chroot(".") != 0) {
       return errno_text("chroot " + staging);
     }
-    if (chdir(cwd) != 0 && chdir("/") != 0) {
+    if (chdir(cwd.c_str()) != 0 && chdir("/") != 0) {
       return errno_text("chdir");
     }
   }

@@ -19,13 +19,8 @@ namespace kora::test {
 
 std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& argv, std::string* why,
                                               const std::string& err_path) {
-  int out[2];
-  if (::pipe2(out, O_CLOEXEC) != 0) {
-    *why = "pipe";
-    return nullptr;
-  }
   const int err =
-      err_path.empty() ? out[1] : ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+      err_path.empty() ? -1 : ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   std::vector<char*> args;
   for (const auto& a : argv) {
     args.push_back(const_cast<char*>(a.c_str()));
@@ -34,16 +29,21 @@ std::unique_ptr<Subprocess> Subprocess::start(const std::vector<std::string>& ar
   std::unique_ptr<Subprocess> child(new Subprocess);
   GError* error = nullptr;
   // A group of its own, so that killing it also ends what it started (a peer under "timeout").
+  // Without a file for it, stderr joins stdout (GLib has set up both pipes when this runs).
   const bool started = g_spawn_async_with_pipes_and_fds(
       nullptr, args.data(), nullptr,
       static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
-      [](gpointer) { ::setpgid(0, 0); }, nullptr, -1, out[1], err, nullptr, nullptr, 0, &child->pid_,
-      &child->in_, nullptr, nullptr, &error);
-  ::close(out[1]);
-  if (err != out[1] && err >= 0) {
+      [](gpointer merge) {
+        ::setpgid(0, 0);
+        if (merge != nullptr) {
+          ::dup2(STDOUT_FILENO, STDERR_FILENO);
+        }
+      },
+      err_path.empty() ? &child : nullptr, -1, -1, err, nullptr, nullptr, 0, &child->pid_, &child->in_,
+      &child->out_, nullptr, &error);
+  if (err >= 0) {
     ::close(err);
   }
-  child->out_ = out[0];
   child->reaped_ = !started;
   if (!started) {
     *why = "spawn " + argv[0] + ": " + error->message;
@@ -124,7 +124,7 @@ int loopback_socket(int* port, bool listening) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(*port));
+  addr.sin_port = htons(static_cast<uint16_t>(listening ? 0 : *port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   auto* sa = reinterpret_cast<sockaddr*>(&addr);
   socklen_t len = sizeof addr;
@@ -142,10 +142,7 @@ int loopback_socket(int* port, bool listening) {
 
 int connect_loopback(int port) { return loopback_socket(&port, false); }
 
-int listen_loopback(int* port) {
-  *port = 0;
-  return loopback_socket(port, true);
-}
+int listen_loopback(int* port) { return loopback_socket(port, true); }
 
 int in_child(const std::function<int()>& body) {
   std::fflush(nullptr);
@@ -156,10 +153,7 @@ int in_child(const std::function<int()>& body) {
     ::_exit(code & 0xff);
   }
   int status = 0;
-  if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-    return -1;
-  }
-  return WEXITSTATUS(status);
+  return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace kora::test

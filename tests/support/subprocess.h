@@ -56,15 +56,13 @@ inline std::vector<std::string> words_of(const std::string& command) {
 }
 
 #ifdef KORA_CLI_PATH
-// The tool's command line for the words of `command`; a cross-built tool runs under the emulator.
-inline std::vector<std::string> cli_argv(const std::string& command) {
-  std::vector<std::string> argv = words_of(command);
-#ifdef KORA_CLI_LAUNCHER
-  argv.insert(argv.begin(), {KORA_CLI_LAUNCHER, KORA_CLI_PATH});
-#else
-  argv.insert(argv.begin(), KORA_CLI_PATH);
+#ifndef KORA_CLI_LAUNCHER
+#define KORA_CLI_LAUNCHER ""  // a native tool runs directly
 #endif
-  return argv;
+// The tool's command line for the words of `command`; a cross-built tool runs under the emulator.
+// Neither path has a blank in it.
+inline std::vector<std::string> cli_argv(const std::string& command) {
+  return words_of(KORA_CLI_LAUNCHER " " KORA_CLI_PATH " " + command);
 }
 #endif
 

@@ -10,12 +10,10 @@
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
-  if (!GTEST_FLAG_GET(list_tests)) {
-    const std::string why = kora::test::enter_private_store_root();
-    if (!why.empty()) {
-      std::fprintf(stderr, "cannot set up the private store root: %s\n", why.c_str());
-      return 2;
-    }
+  const std::string why = GTEST_FLAG_GET(list_tests) ? "" : kora::test::enter_private_store_root();
+  if (!why.empty()) {
+    std::fprintf(stderr, "cannot set up the private store root: %s\n", why.c_str());
+    return 2;
   }
   if (!kora::test::heap::watching()) {  // also links the heap watch into every program
     std::fprintf(stderr, "OpenSSL allocated before the heap watch could see it\n");
